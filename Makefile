@@ -1,0 +1,37 @@
+# make run   builds and serves examples/ (installs what is missing first)
+# make test  builds and runs every test, also under AddressSanitizer and UBSan
+
+BUILD      := build
+ASAN_BUILD := build-asan
+JOBS       := $(shell nproc)
+
+.PHONY: all deps build build-asan run test test-unit test-asan clean
+
+all: build
+
+deps:
+	@scripts/install-deps build test
+
+build: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j $(JOBS)
+
+build-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DVARNOK_SANITIZE=ON >/dev/null
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+# The server finds its files next to the program, so the sample folder gets a link to it.
+run: build
+	ln -sf "$(CURDIR)/$(BUILD)/varnok-http-server" examples/varnok-http-server
+	cd examples && exec "$(CURDIR)/examples/varnok-http-server"
+
+test-unit: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+test-asan: build-asan
+	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
+
+test: test-unit test-asan
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) examples/varnok-http-server
