@@ -28,3 +28,7 @@ void settings_write_defaults(cJSON *root);
 
 /// Prints `root` to package.json and says "Write done"; aborts when the file cannot be opened.
 void settings_write(const cJSON *root);
+
+/// Frees the tree of the last successful load. The server keeps it for the life of the process;
+/// only tests, which load repeatedly, release it.
+void settings_release();
