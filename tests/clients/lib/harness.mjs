@@ -83,12 +83,15 @@ export async function startServer() {
     dir,
     url: `http://127.0.0.1:${port}/`,
     output: () => output,
+    /** Stops the server; a server that had already died (a crash, a sanitizer report) is an error. */
     async stop() {
+      const diedEarly = exited;
       if (!exited) {
         child.kill('SIGTERM');
         await waitFor('the server to stop', () => exited, 5000);
       }
       fs.rmSync(dir, { recursive: true, force: true });
+      if (diedEarly) throw new Error(`the server ended while serving:\n${output}`);
     },
   };
 }
