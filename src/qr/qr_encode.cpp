@@ -11,6 +11,19 @@ namespace {
 constexpr char QR_ALNUM_CHARS[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ $%*+-./:";
 constexpr int QR_SEGMENT_CAPACITY = QR_CODEWORD_CAPACITY;
 
+/// Whether every level of versions 1 to QR_MAX_VERSION fits the record's buffers.
+constexpr bool small_versions_fit() {
+    for (int v = 1; v <= QR_MAX_VERSION; ++v) {
+        const QrVersionInfo &info = qr_version_table[v];
+        if (info.total_codewords > QR_CODEWORD_CAPACITY || v * 4 + 17 > QR_MAX_MODULES) return false;
+        for (int level = 0; level < 4; ++level)
+            if (info.block1[level].block_codewords > QR_RS_WORK_SIZE || info.block2[level].block_codewords > QR_RS_WORK_SIZE)
+                return false;
+    }
+    return true;
+}
+static_assert(small_versions_fit(), "the versions the encoder accepts must fit its fixed buffers");
+
 /// Estimated bits of segment `n` of the record.
 int segment_cost(int n, int group) {
     return qr_segment_bits(qr_symbol.segment_mode[n], qr_symbol.segment_length[n], group);
@@ -60,8 +73,8 @@ int split_segments(const uint8_t *text, int length) {
 /// Joins numeric/alphanumeric neighbours where one alphanumeric (or a byte neighbour) is cheaper.
 void merge_numeric_alphanumeric(int group) {
     QrSymbol &q = qr_symbol;
-    uint8_t *mode = q.segment_mode;
-    uint8_t *len = q.segment_length;
+    auto &mode = q.segment_mode;  // array references keep the bounds visible to the sanitizer
+    auto &len = q.segment_length;
     int n = 0;
     while (n < q.segment_count - 1) {
         bool mixed = (mode[n] == QR_MODE_NUMERIC && mode[n + 1] == QR_MODE_ALPHANUMERIC) ||
@@ -101,8 +114,8 @@ void merge_numeric_alphanumeric(int group) {
 /// Joins neighbouring segments into one byte segment wherever that costs fewer bits.
 void merge_into_byte(int group) {
     QrSymbol &q = qr_symbol;
-    uint8_t *mode = q.segment_mode;
-    uint8_t *len = q.segment_length;
+    auto &mode = q.segment_mode;
+    auto &len = q.segment_length;
     const int header = 4 + qr_count_width[QR_MODE_BYTE][group];
     int n = 0;
     while (n < q.segment_count - 1) {

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -15,7 +16,7 @@ const std::string kMarker = "5641524e4f4b5152303103f2";
 
 std::string pairing_code(int addresses) {
     std::string code = kMarker;
-    char hex[9];
+    char hex[16];
     for (int i = 1; i <= addresses; ++i) {
         snprintf(hex, sizeof hex, "c0a801%02x", i);
         code += hex;
@@ -94,6 +95,34 @@ TEST(QrEncode, RefusalsKeepThePreviousGrid) {
         EXPECT_EQ(qr_symbol.size, 21);
         EXPECT_EQ(memcmp(qr_symbol.modules, before.modules, sizeof before.modules), 0);
     }
+}
+
+TEST(QrEncode, RandomBytesFitOrAreRefused) {
+    // Digits, alphanumerics, letters, Shift JIS pairs and any byte, in runs up to 1300 bytes long.
+    std::mt19937 rng(2024);
+    testing::internal::CaptureStdout();
+    for (int round = 0; round < 3000; ++round) {
+        std::string text(rng() % (round % 4 ? 130 : 1300), '\0');
+        for (size_t i = 0; i < text.size(); ++i) {
+            switch (rng() % 5) {
+            case 0: text[i] = static_cast<char>('0' + rng() % 10); break;
+            case 1: text[i] = "AZ $%*+-./:"[rng() % 11]; break;
+            case 2: text[i] = static_cast<char>(0x81 + rng() % 0x6B); break;
+            default: text[i] = static_cast<char>(1 + rng() % 255); break;
+            }
+        }
+        std::vector<char> exact(text.c_str(), text.c_str() + text.size() + 1);  // no slack past the NUL
+        QrSymbol before = qr_symbol;
+        int result = qr_encode(exact.data(), 0);
+        if (result == 0) {
+            ASSERT_EQ(qr_symbol.size, before.size);
+            ASSERT_EQ(memcmp(qr_symbol.modules, before.modules, sizeof before.modules), 0);
+        } else {
+            ASSERT_LE(qr_symbol.version, QR_MAX_VERSION);
+            ASSERT_EQ(qr_symbol.size, qr_symbol.version * 4 + 17);
+        }
+    }
+    testing::internal::GetCapturedStdout();
 }
 
 TEST(QrEncode, TerminatorAndPadding) {
