@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "pairing/pairing.h"
 #include "server/content_type.h"
 #include "server/file_io.h"
 #include "server/product.h"
@@ -44,6 +45,8 @@ struct Server {
 };
 
 // Blocks start-up reserves and keeps for the life of the process.
+char *lan_addresses[LAN_ADDRESS_SLOT_COUNT];
+char *pairing_code;
 char *spare_block;
 char *unused_text_blocks[2];
 char *composed_root;
@@ -77,9 +80,12 @@ void reserve_unused_text_blocks()
     }
 }
 
-// Addresses, pairing code, "QR: " line and the drawing of the symbol: not built yet.
-void show_pairing_code(const ServerSettings &)
+void show_pairing_code(const ServerSettings &settings)
 {
+    lan_address_collect(lan_addresses);
+    pairing_code = pairing_code_build(&settings, lan_addresses);
+    printf("QR: %s", pairing_code);
+    qr_print_terminal(pairing_code); // the encoder adds ",LEN,VERSION" to the same line
 }
 
 void print_settings_table(const ServerSettings &settings)
