@@ -51,7 +51,8 @@ before(async () => {
   xvfb = spawn('Xvfb', [display, '-screen', '0', '1024x1000x24', '-nolisten', 'tcp'], { stdio: 'ignore' });
   await waitFor('Xvfb to start', () => fs.existsSync(`/tmp/.X11-unix/X${display.slice(1)}`), 10000);
 
-  port = await freePort();
+  // The pictures for the documentation show the sample's own port, 8080, when it is free.
+  port = await freePort(process.env.VARNOK_DOC_IMAGES === '1' ? 8080 : 0);
   game = prepareGameCopy(port);
   // The script records the server's process id so that only that process is stopped.
   const starter = path.join(work, 'start-server');
@@ -96,7 +97,9 @@ test('the QR drawing on the start-up screen scans to the printed pairing code', 
   const reflectedBack = scan(back);
   const outcome = { code, asDrawn, reflectedBack };
   writeArtifact('terminal-qr.json', outcome);
-  keepPicture(shot, 'startup-terminal.png');
+  const framed = path.join(work, 'startup-terminal-framed.png');
+  run('convert', [shot, '-trim', '+repage', '-bordercolor', 'white', '-border', '12', framed]);
+  keepPicture(fs.existsSync(framed) ? framed : shot, 'startup-terminal.png');
   console.log(`QR as drawn: ${asDrawn === null ? 'zbarimg found no symbol (the drawing is reflected)' : `read "${asDrawn}"`}`);
   console.log(`QR reflected back (-transpose): ${reflectedBack === null ? 'no symbol' : `read "${reflectedBack}"`}`);
 

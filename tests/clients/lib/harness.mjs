@@ -25,11 +25,12 @@ export async function waitFor(what, check, ms = 15000) {
   }
 }
 
-export function freePort() {
+/** A port nothing listens on: `preferred` when it is free, else one the system picks. */
+export function freePort(preferred = 0) {
   return new Promise((resolve, reject) => {
     const probe = net.createServer();
-    probe.once('error', reject);
-    probe.listen(0, '127.0.0.1', () => {
+    probe.once('error', (error) => (preferred ? freePort().then(resolve, reject) : reject(error)));
+    probe.listen(preferred, '0.0.0.0', () => {
       const { port } = probe.address();
       probe.close(() => resolve(port));
     });
