@@ -5,7 +5,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       := $(shell nproc)
 
-.PHONY: all deps build build-asan run test test-unit test-asan clean
+.PHONY: all deps build build-asan run test test-unit test-asan test-clients clean
 
 all: build
 
@@ -31,7 +31,12 @@ test-unit: build
 test-asan: build-asan
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
-test: test-unit test-asan
+# The sample game in headless Chromium, and the start-up screen's QR code read off xterm.
+test-clients: build
+	@scripts/install-deps browser
+	tests/clients/run $(BUILD)/varnok-http-server
+
+test: test-unit test-asan test-clients
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) examples/varnok-http-server
