@@ -2,25 +2,15 @@
 #include <sys/stat.h>
 
 #include <regex>
-#include <set>
-#include <sstream>
 #include <string>
 
 #include "e2e/server_process.h"
+#include "support/not_found_page.h"
 
 namespace {
 
-const std::string PAGE =
-    "<!DOCTYPE html>\t\t<html>\t\t\t\t<head>\t\t<meta charset=\"UTF-8\">\t\t"
-    "<meta name=\"apple-mobile-web-app-capable\" content=\"yes\">\t\t"
-    "<meta name=\"apple-mobile-web-app-status-bar-style\" content=\"black-translucent\">\t\t"
-    "<meta name=\"viewport\" content=\"user-scalable=no\">\t\t"
-    "<link rel=\"icon\" href=\"icon/icon.png\" type=\"image/png\">\t\t"
-    "<link rel=\"apple-touch-icon\" href=\"icon/icon.png\">\t\t<title>404 Not Found</title>\t\t</head>\t\t\t\t"
-    "<body>\t\t<h1>404 Not Found</h1><br><br>Varnok HTTP Server v0.7.1 by "
-    "<a href=\"https://varnok.example/\" target=\"_blank\">Varnok</a>\t\t</body>\t\t</html>\t\t";
 const std::string NOT_FOUND = "HTTP/1.1 404 Not Found\r\nServer: Varnok HTTP Server 0.7.1.1\r\nDate: *\r\n"
-                              "Content-Type: *.html\r\nContent-Length: 546\r\nConnection: close\r\n\r\n" + PAGE;
+                              "Content-Type: *.html\r\nContent-Length: 546\r\nConnection: close\r\n\r\n" + NOT_FOUND_PAGE;
 
 // The answer with its two clock-dependent values blanked out.
 std::string without_times(const std::string &answer)
