@@ -1,4 +1,5 @@
-// settings_load on arbitrary package.json bytes, in a private temporary folder.
+// settings_load on arbitrary package.json bytes, in a private temporary folder that is the
+// working folder only while a load runs.
 //
 // The server keeps the parsed tree and the file descriptor for its whole life; a fuzz run loads
 // millions of times in one process, so after each load the tree is released with
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "fuzz_check.h"
 #include "settings/settings.h"
@@ -33,6 +35,17 @@ int next_descriptor()
     return probe;
 }
 
+char folder_made[64];
+int folder_descriptor = -1;
+int caller_folder = -1; // libFuzzer's own paths stay relative to it
+
+void remove_folder()
+{
+    const std::string file = std::string(folder_made) + "/package.json";
+    unlink(file.c_str());
+    rmdir(folder_made);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -46,12 +59,17 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     if (made == nullptr)
         made = mkdtemp(fallback);
     FUZZ_CHECK(made != nullptr);
-    FUZZ_CHECK(chdir(made) == 0);
+    snprintf(folder_made, sizeof folder_made, "%s", made);
+    folder_descriptor = open(made, O_RDONLY | O_DIRECTORY);
+    caller_folder = open(".", O_RDONLY | O_DIRECTORY);
+    FUZZ_CHECK(folder_descriptor >= 0 && caller_folder >= 0);
+    atexit(remove_folder);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    FUZZ_CHECK(fchdir(folder_descriptor) == 0);
     write_settings_file(data, size);
     const int descriptor = next_descriptor();
 
@@ -72,5 +90,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     settings_release();
     if (fcntl(descriptor, F_GETFD) != -1)
         close(descriptor);
+    FUZZ_CHECK(fchdir(caller_folder) == 0);
     return 0;
 }

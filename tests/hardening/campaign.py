@@ -327,17 +327,8 @@ def long_paths(r, n, document_root_length):
         yield request(path, tail=b"\r\n")
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    parser.add_argument("binary")
-    parser.add_argument("--scale", type=float, default=1.0, help="multiplies the number of cases")
-    parser.add_argument("--seed", type=int, default=1010)
-    args = parser.parse_args()
-    r = random.Random(args.seed)
-    n = lambda count: max(1, int(count * args.scale))
-    campaign = Campaign(args.binary, r)
-    started = time.monotonic()
-
+def run_phases(campaign, r, n):
+    """Default buffer first, then a 4096-byte buffer so paths can reach the 1024-byte bounds."""
     campaign.phase(buffer_size=1000)
     plan = [("well-formed", well_formed(r, n(150))), ("missing tokens", missing_tokens(r, n(200))),
             ("huge tokens", huge_tokens(r, n(150))), ("NUL bytes", nul_bytes(r, n(200))),
@@ -356,7 +347,7 @@ def main():
     for payload in [request(b"/index.html"), request(b"/missing"), request(b"/save")]:
         campaign.run("reset before the answer", payload, client="reset_queued")
 
-    campaign.phase(buffer_size=4096)  # paths can now reach the 1024-byte bounds
+    campaign.phase(buffer_size=4096)
     root_length = len(campaign.server.document_root)
     for kind, payloads in [("long paths (buffer 4096)", long_paths(r, n(300), root_length)),
                            ("huge tokens (buffer 4096)", huge_tokens(r, n(100))),
@@ -364,11 +355,27 @@ def main():
                            ("binary garbage (buffer 4096)", binary_garbage(r, n(150), 5000))]:
         for payload in payloads:
             campaign.run(kind, payload)
-    campaign.server.stop()
 
-    reports = [line for server in campaign.servers for line in server.sanitizer_reports()]
-    for line in reports[:20]:
-        campaign.failures.append("sanitizer: %s" % line.decode("latin-1"))
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("binary")
+    parser.add_argument("--scale", type=float, default=1.0, help="multiplies the number of cases")
+    parser.add_argument("--seed", type=int, default=1010)
+    args = parser.parse_args()
+    r = random.Random(args.seed)
+    n = lambda count: max(1, int(count * args.scale))
+    campaign = Campaign(args.binary, r)
+    started = time.monotonic()
+
+    try:
+        run_phases(campaign, r, n)
+    finally:
+        for server in campaign.servers:
+            server.stop()
+            reports = server.sanitizer_reports()[:20]
+            campaign.failures += ["sanitizer: %s" % line.decode("latin-1") for line in reports]
+            server.remove()
     total = sum(sum(c.values()) for c in campaign.table.values())
     print("campaign against %s: %d cases, %d server starts, %.1f s" % (
         args.binary, total, sum(s.starts for s in campaign.servers), time.monotonic() - started))

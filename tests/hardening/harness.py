@@ -1,6 +1,7 @@
 """The real server in a private folder, and raw clients over 127.0.0.1, for the hardening runs."""
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -110,6 +111,11 @@ class Server:
         if self.process and self.process.poll() is None:
             self.process.kill()
             self.process.wait()
+
+    def remove(self):
+        """Stops the process and removes its folder."""
+        self.stop()
+        shutil.rmtree(self.parent, ignore_errors=True)
 
     def rss_kib(self):
         with open("/proc/%d/status" % self.process.pid) as status:

@@ -88,7 +88,7 @@ def main():
         elapsed = time.monotonic() - started
         after = server.rss_kib()
     finally:
-        server.stop()
+        server.remove()
 
     explained_kib = explained / 1024
     allowed_kib = explained_kib * 1.01 + MARGIN_KIB
