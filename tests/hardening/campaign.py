@@ -59,7 +59,8 @@ class Model:
 
     def __init__(self, server):
         self.server = server
-        self.area = bytearray(server.buffer_size + 1)  # never cleared; the last byte stays zero
+        self.capacity = max(0, server.buffer_size)  # a negative buffer-size receives nothing
+        self.area = bytearray(self.capacity + 1)  # never cleared; the last byte stays zero
 
     def _tokens(self):
         """strtok(" "), strtok(" "), strtok("\\n") over the area, in place, as the server splits."""
@@ -81,7 +82,7 @@ class Model:
 
     def expect(self, payload):
         """(ABORT, why) | (CLOSED, None) | (ANSWER, (status, type, body or None))."""
-        count = min(len(payload), self.server.buffer_size)
+        count = min(len(payload), self.capacity)
         if count == 0:
             return CLOSED, None
         self.area[:count] = payload[:count]
@@ -119,12 +120,18 @@ class Campaign:
         self.failures, self.servers, self.not_found_page = [], [], None
 
     def phase(self, buffer_size):
+        """A new server with this buffer-size; False when it does not come up."""
         if self.servers:
             self.servers[-1].stop()
         self.server = Server(self.binary, buffer_size=buffer_size)
         self.servers.append(self.server)
-        self.server.start()
+        try:
+            self.server.start()
+        except RuntimeError as error:
+            self.record("start with buffer-size %d" % buffer_size, "no server", str(error))
+            return False
         self.model = Model(self.server)
+        return True
 
     def restart(self):
         self.server.stop()
@@ -218,6 +225,12 @@ class Campaign:
             end = self.server.wait_end()
             self.record(kind, end_name(end), None if end == due else "expected %s (%s)" % (due.name, detail),
                         payload)
+            self.model = None
+            return
+        if client in ("normal", "nothing"):  # the client saw the close: the case is over
+            if self.server.alive():
+                return self.record(kind, "closed, no answer")
+            self.record(kind, end_name(self.server.wait_end()), "ended without cause", payload)
             self.model = None
             return
         # A request whose three tokens are its own tells whether the server got past the case.
@@ -346,6 +359,12 @@ def run_phases(campaign, r, n):
         campaign.run("resets early", payload, client="reset")
     for payload in [request(b"/index.html"), request(b"/missing"), request(b"/save")]:
         campaign.run("reset before the answer", payload, client="reset_queued")
+
+    # Sizes no request fits: 0 and -1 receive nothing, 1 receives one byte (never three tokens).
+    for size in (0, -1, 1):
+        if campaign.phase(buffer_size=size):
+            for payload in list(well_formed(r, 3)) + [b"", b""]:
+                campaign.run("buffer-size %d" % size, payload, client="nothing" if not payload else "normal")
 
     campaign.phase(buffer_size=4096)
     root_length = len(campaign.server.document_root)
