@@ -88,17 +88,17 @@ class Model:
         self.area[:count] = payload[:count]
         tokens = self._tokens()
         if tokens is None:
-            return ABORT, "missing token"
+            return ABORT, "token missing"
         path = tokens[1]
         if len(path) >= PATH_SIZE:
-            return ABORT, "path of 1024 bytes or more"
+            return ABORT, "path"
         if path == b"/":
             path = b"/" + self.server.main_file.encode()
             full = self.server.document_root + path
         else:
             full = self.server.document_root + url_decode(path).split(b"\0")[0]
         if len(full) >= PATH_SIZE:
-            return ABORT, "full path of 1024 bytes or more"
+            return ABORT, "full path"
         try:
             status = os.stat(full)
         except (OSError, ValueError):
@@ -223,8 +223,8 @@ class Campaign:
         if expected == ABORT or client == "reset_queued":
             due = signal.SIGABRT if expected == ABORT else signal.SIGPIPE
             end = self.server.wait_end()
-            self.record(kind, end_name(end), None if end == due else "expected %s (%s)" % (due.name, detail),
-                        payload)
+            outcome = end_name(end) + (": %s" % detail if end == due and expected == ABORT else "")
+            self.record(kind, outcome, None if end == due else "expected %s (%s)" % (due.name, detail), payload)
             self.model = None
             return
         if client in ("normal", "nothing"):  # the client saw the close: the case is over

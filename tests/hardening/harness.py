@@ -164,5 +164,5 @@ def parse_answer(data):
 
 def end_name(end):
     if isinstance(end, int):
-        return "ended " + signal.Signals(end).name
+        return signal.Signals(end).name
     return "still running" if end is None else end
