@@ -114,8 +114,8 @@ class Model:
 
 
 class Campaign:
-    def __init__(self, binary, rng):
-        self.binary, self.rng = binary, rng
+    def __init__(self, binary):
+        self.binary = binary
         self.table = collections.OrderedDict()
         self.failures, self.servers, self.not_found_page = [], [], None
 
@@ -135,7 +135,7 @@ class Campaign:
 
     def restart(self):
         self.server.stop()
-        self.server.start()
+        self.server.start()  # a server that no longer starts ends the campaign
         self.model = Model(self.server)
 
     def record(self, kind, outcome, failure=None, payload=b""):
@@ -178,6 +178,7 @@ class Campaign:
             try:
                 data, how = exchange(port, payload if client == "normal" else b"")
             except OSError as error:
+                self.model = None
                 return self.record(kind, "connect failed", "server gone before the case: %s" % error, payload)
             if how == "timeout":
                 self.record(kind, "hang", "no answer and no close within 10 s", payload)
@@ -186,6 +187,7 @@ class Campaign:
                 wrong = self.check_answer(data, detail)
                 if wrong:
                     self.record(kind, how, wrong, payload)
+                    self.model = None  # start afresh, so one fault is not counted again and again
                 elif not self.server.alive():
                     self.record(kind, end_name(self.server.wait_end()), "ended after answering", payload)
                     return self.restart()
@@ -384,11 +386,13 @@ def main():
     args = parser.parse_args()
     r = random.Random(args.seed)
     n = lambda count: max(1, int(count * args.scale))
-    campaign = Campaign(args.binary, r)
+    campaign = Campaign(args.binary)
     started = time.monotonic()
 
     try:
         run_phases(campaign, r, n)
+    except RuntimeError as error:  # the server no longer starts
+        campaign.failures.append(str(error))
     finally:
         for server in campaign.servers:
             server.stop()
