@@ -93,7 +93,9 @@ class Model:
         if len(path) >= PATH_SIZE:
             return ABORT, "path"
         if path == b"/":
-            path = b"/" + self.server.main_file.encode()
+            path = b"/" + self.server.main_file.encode()  # not decoded
+            if len(path) >= PATH_SIZE:
+                return ABORT, "path"
             full = self.server.document_root + path
         else:
             full = self.server.document_root + url_decode(path).split(b"\0")[0]
@@ -119,11 +121,11 @@ class Campaign:
         self.table = collections.OrderedDict()
         self.failures, self.servers, self.not_found_page = [], [], None
 
-    def phase(self, buffer_size):
-        """A new server with this buffer-size; False when it does not come up."""
+    def phase(self, buffer_size, main_file="index.html"):
+        """A new server with these settings; False when it does not come up."""
         if self.servers:
             self.servers[-1].stop()
-        self.server = Server(self.binary, buffer_size=buffer_size)
+        self.server = Server(self.binary, buffer_size=buffer_size, main_file=main_file)
         self.servers.append(self.server)
         try:
             self.server.start()
@@ -367,6 +369,12 @@ def run_phases(campaign, r, n):
         if campaign.phase(buffer_size=size):
             for payload in list(well_formed(r, 3)) + [b"", b""]:
                 campaign.run("buffer-size %d" % size, payload, client="nothing" if not payload else "normal")
+
+    # A long main-file: "/" plus its name is bounded like any request path, and so is the full path.
+    for length in (1030, 1010, 980):
+        if campaign.phase(buffer_size=1000, main_file="m" * length):
+            for path in (b"/", b"/index.html", b"/"):
+                campaign.run("main-file of %d bytes" % length, request(path))
 
     campaign.phase(buffer_size=4096)
     root_length = len(campaign.server.document_root)
