@@ -98,11 +98,17 @@ void print_settings_table(const ServerSettings &settings)
     printf("\n");
 }
 
+// A buffer-size below zero holds nothing: every receive then reads no bytes.
+size_t buffer_bytes(int32_t buffer_size)
+{
+    return buffer_size > 0 ? static_cast<size_t>(buffer_size) : 0;
+}
+
 // The receive area is `buffer-size` raised to a multiple of 16, plus one zero byte that keeps
 // the request-line split inside the area whatever a receive leaves unterminated.
 void reserve_receive_area(Server &server, int32_t buffer_size)
 {
-    server.receive_capacity = buffer_size > 0 ? static_cast<size_t>(buffer_size) : 0;
+    server.receive_capacity = buffer_bytes(buffer_size);
     const size_t reserved = (server.receive_capacity + 15) / 16 * 16 + 1;
     server.receive_area = static_cast<char *>(calloc(reserved, 1));
     server.token_capacity = reserved;
@@ -275,7 +281,7 @@ int main(int, char **argv)
     ServerSettings loaded;
     if (settings_load(&loaded) > -1)
         settings = loaded;
-    spare_block = static_cast<char *>(calloc(static_cast<size_t>(settings.buffer_size), 1));
+    spare_block = static_cast<char *>(calloc(buffer_bytes(settings.buffer_size), 1));
 
     show_pairing_code(settings);
     print_settings_table(settings);

@@ -115,12 +115,18 @@ TEST_F(Serving, ReadsOnlyBufferSizeBytes)
     EXPECT_EQ(get("GET /index.html HTTP/1.1\r\n" + std::string(5000, 'h')), ok_answer("text/html; charset=UTF-8", "main"));
 }
 
-TEST_F(Serving, BufferSizeZeroAnswersNobody)
+TEST_F(Serving, BufferSizeZeroOrBelowAnswersNobody)
 {
     folder_.write("www/index.html", "main");
-    start(settings_json(port_, 0));
-    EXPECT_EQ(get("GET / HTTP/1.1\r\n\r\n"), "");
-    EXPECT_EQ(get("GET / HTTP/1.1\r\n\r\n"), "");
+    for (int buffer_size : {0, -1}) {
+        const int port = free_port();
+        folder_.write("package.json", settings_json(port, buffer_size));
+        ServerProcess server(folder_.path() / "www", folder_.path());
+        ASSERT_TRUE(server.wait_listening()) << buffer_size << server.errors();
+        EXPECT_EQ(round_trip(port, "GET / HTTP/1.1\r\n\r\n"), "");
+        EXPECT_EQ(round_trip(port, "GET / HTTP/1.1\r\n\r\n"), "");
+        std::filesystem::remove(folder_.path() / "www/varnok-http-server");
+    }
 }
 
 TEST_F(Serving, RootdirIsAlwaysUnderTheProgramsFolder)
