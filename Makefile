@@ -5,7 +5,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       := $(shell nproc)
 
-.PHONY: all deps build build-asan run test test-unit test-asan test-clients clean
+.PHONY: all deps build build-asan run test test-unit test-asan test-clients test-hardening test-fuzz bench-quick clean
 
 all: build
 
@@ -36,7 +36,22 @@ test-clients: build
 	@scripts/install-deps browser
 	tests/clients/run $(BUILD)/varnok-http-server
 
-test: test-unit test-asan test-clients
+# Bad-input campaign (plain and sanitizer builds) and a 100 000-request soak.
+test-hardening: build build-asan
+	tests/hardening/run
+
+# Every fuzz target for a bounded time under ASan and UBSan (FUZZ_SECONDS each).
+FUZZ_SECONDS := 30
+test-fuzz: deps
+	@scripts/install-deps fuzz
+	fuzz/run --seconds $(FUZZ_SECONDS)
+
+# Ours and the two reference loops, 1 s per cell: keeps the benchmark runnable; asserts no speed.
+bench-quick: build
+	@scripts/install-deps bench-quick
+	bench/run --quick
+
+test: test-unit test-asan test-clients test-hardening test-fuzz
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) examples/varnok-http-server
+	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz examples/varnok-http-server
