@@ -269,6 +269,9 @@ int qr_encode_segments(const char *text, int length, int group) {
         write_segment(bytes, pos, n, group);
         pos += q.segment_length[n];
     }
+    // A segment longer than its 8-bit length can count would leave part of the text out of the
+    // symbol; such a stream is refused like one over 3200 bits.
+    if (pos != length) q.bit_count = -1;
     return q.bit_count != -1;
 }
 

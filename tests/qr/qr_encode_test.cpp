@@ -84,6 +84,8 @@ TEST(QrEncode, RefusalsKeepThePreviousGrid) {
         {pairing_code(8), ",88,5"},
         {numeric_runs, ",1028,0"},
         {alternating, ",402,0"},
+        {std::string(300, 'a'), ",300,0"},  // one segment longer than its 8-bit length counts
+        {std::string(260, '1'), ",260,0"},
     };
     int result = 0;
     encode_printing("abc", &result);
