@@ -117,15 +117,15 @@ TEST_F(Serving, ReadsOnlyBufferSizeBytes)
 
 TEST_F(Serving, BufferSizeZeroOrBelowAnswersNobody)
 {
-    folder_.write("www/index.html", "main");
     for (int buffer_size : {0, -1}) {
         const int port = free_port();
-        folder_.write("package.json", settings_json(port, buffer_size));
-        ServerProcess server(folder_.path() / "www", folder_.path());
+        TempFolder folder;
+        folder.write("www/index.html", "main");
+        folder.write("package.json", settings_json(port, buffer_size));
+        ServerProcess server(folder.path() / "www", folder.path());
         ASSERT_TRUE(server.wait_listening()) << buffer_size << server.errors();
         EXPECT_EQ(round_trip(port, "GET / HTTP/1.1\r\n\r\n"), "");
         EXPECT_EQ(round_trip(port, "GET / HTTP/1.1\r\n\r\n"), "");
-        std::filesystem::remove(folder_.path() / "www/varnok-http-server");
     }
 }
 
