@@ -56,11 +56,7 @@ struct Slots {
         for (size_t i = 0; i < texts.size(); ++i)
             slot[i] = texts[i] != nullptr ? strdup(texts[i]) : nullptr;
     }
-    ~Slots()
-    {
-        for (char *text : slot)
-            free(text);
-    }
+    ~Slots() { std::for_each(slot.begin(), slot.end(), free); }
     std::vector<std::string> filled() const
     {
         std::vector<std::string> texts;
