@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,8 +18,7 @@
 
 namespace {
 
-TEST(LanAddress, RangesAtTheirBounds)
-{
+TEST(LanAddress, RangesAtTheirBounds) {
     const struct { const char *text; int reserved, link_local, is_private, qualifies; } cases[] = {
         {"0.0.0.0", 1, 0, 0, 0}, {"0.0.0.1", 0, 0, 0, 1}, {"126.255.255.255", 0, 0, 0, 1}, {"127.0.0.0", 1, 0, 0, 0},
         {"127.255.255.255", 1, 0, 0, 0}, {"128.0.0.0", 0, 0, 0, 1}, {"223.255.255.255", 0, 0, 0, 1},
@@ -51,8 +51,7 @@ TEST(LanAddress, RangesAtTheirBounds)
 /// A slot table as start-up fills it: heap texts from slot 0 (a null leaves an empty slot), the rest empty.
 struct Slots {
     std::array<char *, LAN_ADDRESS_SLOT_COUNT> slot{};
-    explicit Slots(const std::vector<const char *> &texts = {})
-    {
+    explicit Slots(const std::vector<const char *> &texts = {}) {
         for (size_t i = 0; i < texts.size(); ++i)
             slot[i] = texts[i] != nullptr ? strdup(texts[i]) : nullptr;
     }
@@ -72,8 +71,7 @@ struct InterfaceList {
     std::vector<sockaddr_storage> addresses;
     std::vector<ifaddrs> entries;
     explicit InterfaceList(const std::vector<std::pair<int, const char *>> &items)
-        : addresses(items.size()), entries(items.size())
-    {
+        : addresses(items.size()), entries(items.size()) {
         for (size_t i = 0; i < items.size(); ++i) {
             auto [family, text] = items[i];
             sockaddr_storage &address = addresses[i];
@@ -88,8 +86,7 @@ struct InterfaceList {
     }
 };
 
-TEST(LanAddress, WalkKeepsListOrderAndSkipsOtherFamilies)
-{
+TEST(LanAddress, WalkKeepsListOrderAndSkipsOtherFamilies) {
     InterfaceList list({{AF_INET, "127.0.0.1"}, {AF_INET6, "::1"}, {AF_PACKET, ""}, {AF_INET, nullptr}, {AF_INET, "10.0.0.5"},
                         {AF_INET6, "fe80::1"}, {AF_INET, "192.168.1.20"}, {AF_INET, "169.254.3.7"}, {AF_INET, "255.255.255.255"}});
     Slots slots;
@@ -101,21 +98,17 @@ TEST(LanAddress, WalkKeepsListOrderAndSkipsOtherFamilies)
     EXPECT_EQ(lan_address_collect_list(nullptr, slots.slot.data() + 5), 0);
 }
 
-TEST(LanAddress, WalkFillsAtMostThirtySlots)
-{
-    std::vector<std::string> texts;
-    for (int i = 1; i <= 40; ++i)
-        texts.push_back("10.0.0." + std::to_string(i));
+TEST(LanAddress, WalkFillsAtMostThirtySlots) {
+    std::deque<std::string> texts;  // a deque keeps the texts in place as it grows
     std::vector<std::pair<int, const char *>> items;
-    for (const std::string &text : texts)
-        items.insert(items.end(), {{AF_INET, text.c_str()}, {AF_INET6, "fd00::1"}});
+    for (int i = 1; i <= 40; ++i)
+        items.insert(items.end(), {{AF_INET, texts.emplace_back("10.0.0." + std::to_string(i)).c_str()}, {AF_INET6, "fd00::1"}});
     Slots slots;
     EXPECT_EQ(lan_address_collect_list(InterfaceList(items).entries.data(), slots.slot.data()), LAN_ADDRESS_SLOT_COUNT);
     EXPECT_EQ(slots.filled(), std::vector<std::string>(texts.begin(), texts.begin() + LAN_ADDRESS_SLOT_COUNT));
 }
 
-TEST(LanAddress, ThisMachinesAddresses)
-{
+TEST(LanAddress, ThisMachinesAddresses) {
     Slots slots;
     ASSERT_EQ(lan_address_collect(slots.slot.data()), 0);
     const std::vector<std::string> texts = slots.filled();
@@ -129,15 +122,14 @@ TEST(LanAddress, ThisMachinesAddresses)
     free(host);
 }
 
-std::string take(char *text)
-{
+/// The text of a heap string, which it frees.
+std::string take(char *text) {
     std::string copy = text;
     free(text);
     return copy;
 }
 
-TEST(PairingCode, MarkerPortAndAddresses)
-{
+TEST(PairingCode, MarkerPortAndAddresses) {
     const std::pair<int32_t, const char *> ports[] = {{80, "0050"}, {1010, "03f2"}, {8080, "1f90"}, {70000, "11170"}, {-1, "ffffffff"}};
     const struct { const char *name; std::vector<const char *> slots; const char *part; } addresses[] = {
         {"none", {}, ""},
@@ -158,8 +150,7 @@ TEST(PairingCode, MarkerPortAndAddresses)
         }
 }
 
-TEST(PairingCode, ThirtyAddressesFitAndCountBoundsTheWalk)
-{
+TEST(PairingCode, ThirtyAddressesFitAndCountBoundsTheWalk) {
     Slots slots;
     for (int i = 0; i < LAN_ADDRESS_SLOT_COUNT; ++i)
         slots.slot[i] = strdup(("10.0.1." + std::to_string(i + 1)).c_str());

@@ -14,8 +14,7 @@ constexpr const char *CODE = "5641524e4f4b5152303103f2c0a80102";
 
 /// What the terminal should show for the current grid: line r, cell c shows modules[r-1][c-1] (the symbol
 /// reflected in its main diagonal) inside a one-cell light ring, then an empty line.
-std::string expected_drawing()
-{
+std::string expected_drawing() {
     const int side = qr_symbol.size + 2;
     std::string out;
     for (int r = 0; r < side; ++r, out += "\n")
@@ -26,15 +25,13 @@ std::string expected_drawing()
     return out + "\n";
 }
 
-std::string printed(int (*print)(const char *), const char *text)
-{
+std::string printed(int (*print)(const char *), const char *text) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(print(text), 0);
     return testing::internal::GetCapturedStdout();
 }
 
-TEST(QrTerminal, DrawsTheSymbolReflectedInsideALightRing)
-{
+TEST(QrTerminal, DrawsTheSymbolReflectedInsideALightRing) {
     const std::string output = printed(qr_print_terminal, CODE);
     ASSERT_EQ(qr_symbol.size, 25);
     EXPECT_EQ(output, ",32,2\n" + expected_drawing());
@@ -42,8 +39,7 @@ TEST(QrTerminal, DrawsTheSymbolReflectedInsideALightRing)
     EXPECT_EQ(printed(qr_print_terminal, ""), ",0\n" + expected_drawing());
 }
 
-TEST(QrTerminal, PlainVariantUsesTheCallersCellsWithoutRing)
-{
+TEST(QrTerminal, PlainVariantUsesTheCallersCellsWithoutRing) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(qr_print_plain(CODE, "#", "ignored", " "), 0);
     const std::string output = testing::internal::GetCapturedStdout();

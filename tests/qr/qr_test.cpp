@@ -61,12 +61,11 @@ TEST(QrEncode, KnownAnswers) {
 }
 
 TEST(QrEncode, RefusalsKeepThePreviousGrid) {
-    std::string numeric_runs;  // four 255-digit runs held apart by kanji: over 3200 bits in every group
-    for (int i = 0; i < 4; ++i) numeric_runs += std::string(255, '9') + "\x93\x5f";
-    std::string alternating;   // more mode changes than the segment table holds
-    for (int i = 0; i < 201; ++i) alternating += "a1";
+    auto repeat = [](const std::string &part, int n) { std::string out; while (n-- > 0) out += part; return out; };
     const std::pair<std::string, std::string> cases[] = {
-        {"", ",0"}, {kCode80 + "c0a80108", ",88,5"}, {numeric_runs, ",1028,0"}, {alternating, ",402,0"},
+        {"", ",0"}, {kCode80 + "c0a80108", ",88,5"},
+        {repeat(std::string(255, '9') + "\x93\x5f", 4), ",1028,0"},  // digit runs apart by kanji: over 3200 bits in any group
+        {repeat("a1", 201), ",402,0"},  // more mode changes than the segment table holds
         {std::string(300, 'a'), ",300,0"},  // one segment longer than its 8-bit length counts
         {std::string(260, '1'), ",260,0"},
     };
