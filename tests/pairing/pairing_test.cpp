@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,12 +57,9 @@ struct Slots {
             slot[i] = texts[i] != nullptr ? strdup(texts[i]) : nullptr;
     }
     ~Slots() { std::for_each(slot.begin(), slot.end(), free); }
-    std::vector<std::string> filled() const
-    {
+    std::vector<std::string> filled() const {
         std::vector<std::string> texts;
-        for (char *text : slot)
-            if (text != nullptr)
-                texts.emplace_back(text);
+        std::copy_if(slot.begin(), slot.end(), std::back_inserter(texts), [](const char *text) { return text != nullptr; });
         return texts;
     }
 };

@@ -1,4 +1,5 @@
 // Terminal QR: the drawing of a real encoding, cell by cell, the ringless variant and the redraw after a refusal.
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -25,24 +26,23 @@ std::string expected_drawing() {
     return out + "\n";
 }
 
-std::string printed(int (*print)(const char *), const char *text) {
+/// What `print` writes to standard output; it must return 0.
+std::string printed(const std::function<int()> &print) {
     testing::internal::CaptureStdout();
-    EXPECT_EQ(print(text), 0);
+    EXPECT_EQ(print(), 0);
     return testing::internal::GetCapturedStdout();
 }
 
 TEST(QrTerminal, DrawsTheSymbolReflectedInsideALightRing) {
-    const std::string output = printed(qr_print_terminal, CODE);
+    const std::string output = printed([] { return qr_print_terminal(CODE); });
     ASSERT_EQ(qr_symbol.size, 25);
     EXPECT_EQ(output, ",32,2\n" + expected_drawing());
     // A refused text redraws the symbol before it.
-    EXPECT_EQ(printed(qr_print_terminal, ""), ",0\n" + expected_drawing());
+    EXPECT_EQ(printed([] { return qr_print_terminal(""); }), ",0\n" + expected_drawing());
 }
 
 TEST(QrTerminal, PlainVariantUsesTheCallersCellsWithoutRing) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(qr_print_plain(CODE, "#", "ignored", " "), 0);
-    const std::string output = testing::internal::GetCapturedStdout();
+    const std::string output = printed([] { return qr_print_plain(CODE, "#", "ignored", " "); });
     ASSERT_EQ(qr_symbol.size, 25);
     std::string expected = ",32,2\n\n";
     for (int r = 0; r < 25; ++r, expected += "\n")
