@@ -120,6 +120,7 @@ TEST(QrEncode, TerminatorAndPadding) {
 TEST(QrEncode, KanjiPairsAndValues) {
     EXPECT_EQ(qr_kanji_value(0x93, 0x5F), 0xD9F);
     EXPECT_EQ(qr_kanji_value(0xE4, 0xAA), 0x1AAA);
+    EXPECT_EQ(qr_segment_bits(QR_MODE_KANJI, 4, 0), 64);  // two characters, estimated as four
     const struct { uint8_t first, second; int pair; } pairs[] = {{0x9F, 0xFC, 1}, {0x9F, 0xFD, 0}, {0xEB, 0xC0, 0}, {0xA0, 0x80, 0}};
     for (const auto &p : pairs) EXPECT_EQ(qr_is_kanji_pair(p.first, p.second), p.pair) << int(p.first) << " " << int(p.second);
 }
