@@ -9,20 +9,30 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <optional>
+#include <regex>
 #include <string>
 #include <thread>
 
+#include "support/not_found_page.h"
 #include "support/temp_folder.h"
+
+inline sockaddr_in loopback(int port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
 
 /// A port the kernel just handed out on 127.0.0.1 and that nobody holds now.
 inline int free_port()
 {
     int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(probe, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
+    bind(probe, reinterpret_cast<sockaddr *>(&address), length);
     getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length);
     close(probe);
     return ntohs(address.sin_port);
@@ -33,11 +43,8 @@ inline int connect_to(int port)
     int connection = socket(AF_INET, SOCK_STREAM, 0);
     timeval limit{5, 0};
     setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(connection, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    const sockaddr_in address = loopback(port);
+    if (connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         close(connection);
         return -1;
     }
@@ -60,6 +67,31 @@ inline std::string round_trip(int port, const std::string &request)
     return answer;
 }
 
+/// The answer with its two clock-dependent values blanked out.
+inline std::string without_times(const std::string &answer)
+{
+    static const std::regex TIMES("(Date|Last-Modified): [A-Z][a-z]{2}, \\d\\d [A-Z][a-z]{2} \\d{4} \\d\\d:\\d\\d:\\d\\d GMT");
+    return std::regex_replace(answer, TIMES, "$1: *");
+}
+
+inline std::string ok_answer(const std::string &type, const std::string &body, bool modified = true)
+{
+    return "HTTP/1.1 200 OK\r\nServer: Varnok HTTP Server 0.7.1.1\r\nDate: *\r\nContent-Type: " + type +
+           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + (modified ? "Last-Modified: *\r\n" : "") +
+           "Connection: close\r\n\r\n" + body;
+}
+
+inline const std::string NOT_FOUND = "HTTP/1.1 404 Not Found\r\nServer: Varnok HTTP Server 0.7.1.1\r\nDate: *\r\n"
+                                     "Content-Type: *.html\r\nContent-Length: 546\r\nConnection: close\r\n\r\n" +
+                                     NOT_FOUND_PAGE;
+
+inline std::string settings_json(int port, int buffer_size = 1000, const std::string &main_file = "index.html",
+                                 const std::string &rootdir = "./")
+{
+    return "{\"varnok\":{\"port\":" + std::to_string(port) + ",\"buffer-size\":" + std::to_string(buffer_size) +
+           ",\"main-file\":\"" + main_file + "\",\"rootdir\":\"" + rootdir + "\"}}";
+}
+
 /// The program, started through a link in `program_folder` with `working_folder` as its
 /// working folder; stopped by its id when the test ends.
 class ServerProcess {
@@ -69,7 +101,9 @@ public:
     {
         const std::filesystem::path link = program_folder / "varnok-http-server";
         std::filesystem::create_directories(program_folder);
-        std::filesystem::create_symlink(VARNOK_SERVER_BINARY, link);
+        if (!std::filesystem::is_symlink(link))
+            std::filesystem::create_symlink(VARNOK_SERVER_BINARY, link);
+        std::filesystem::remove(console_); // so an earlier run's "Listening on" is not read
         pid_ = fork();
         if (pid_ == 0) {
             std::filesystem::current_path(working_folder);
@@ -86,33 +120,34 @@ public:
             waitpid(pid_, nullptr, 0);
         }
     }
+    ServerProcess(const ServerProcess &) = delete;
+    ServerProcess &operator=(const ServerProcess &) = delete;
 
-    /// True once the console says "Listening on" (5 s at most).
-    bool wait_listening() const
+    /// True once the console says "Listening on" (10 s at most).
+    bool wait_listening() const { return poll([this] { return console().find("Listening on") != std::string::npos; }); }
+
+    /// The wait status once the process has ended (10 s at most), or -1 while it runs.
+    int wait_exit()
     {
-        for (int i = 0; i < 500; i++) {
-            if (console().find("Listening on") != std::string::npos)
+        poll([this] { return exited_ = waitpid(pid_, &status_, WNOHANG) == pid_; });
+        return exited_ ? status_ : -1;
+    }
+
+    bool running() { return !exited_ && !(exited_ = waitpid(pid_, &status_, WNOHANG) == pid_); }
+    pid_t pid() const { return pid_; }
+    std::string console() const { return read_all(console_); }
+    std::string errors() const { return read_all(errors_); }
+
+private:
+    template <typename Check> static bool poll(Check check)
+    {
+        for (int i = 0; i < 1000; i++) {
+            if (check())
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         return false;
     }
-
-    /// The wait status once the process has ended (5 s at most), or -1 while it runs.
-    int wait_exit()
-    {
-        for (int i = 0; i < 500 && !exited_; i++) {
-            exited_ = waitpid(pid_, &status_, WNOHANG) == pid_;
-            if (!exited_)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return exited_ ? status_ : -1;
-    }
-
-    std::string console() const { return read_all(console_); }
-    std::string errors() const { return read_all(errors_); }
-
-private:
     static std::string read_all(const std::filesystem::path &path)
     {
         std::ifstream in(path, std::ios::binary);
@@ -125,9 +160,21 @@ private:
     int status_ = 0;
 };
 
-inline std::string settings_json(int port, int buffer_size = 1000, const std::string &main_file = "index.html",
-                                 const std::string &rootdir = "./")
-{
-    return "{\"varnok\":{\"port\":" + std::to_string(port) + ",\"buffer-size\":" + std::to_string(buffer_size) +
-           ",\"main-file\":\"" + main_file + "\",\"rootdir\":\"" + rootdir + "\"}}";
-}
+/// A game folder `www` (where the program's link sits) inside a private folder that also holds
+/// the working folder's package.json, console.txt and errors.txt.
+struct Site {
+    TempFolder folder;
+    int port = 0;
+    std::optional<ServerProcess> server;
+
+    /// Starts the program afresh, on a new port: the old one is held by the closes of the last.
+    bool start(int buffer_size = 1000, const std::string &main_file = "index.html", const std::string &rootdir = "./")
+    {
+        server.reset();
+        port = free_port();
+        folder.write("package.json", settings_json(port, buffer_size, main_file, rootdir));
+        server.emplace(folder.path() / "www", folder.path());
+        return server->wait_listening();
+    }
+    std::string get(const std::string &request) const { return without_times(round_trip(port, request)); }
+};
