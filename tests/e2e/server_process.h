@@ -85,13 +85,6 @@ inline const std::string NOT_FOUND = "HTTP/1.1 404 Not Found\r\nServer: Varnok H
                                      "Content-Type: *.html\r\nContent-Length: 546\r\nConnection: close\r\n\r\n" +
                                      NOT_FOUND_PAGE;
 
-inline std::string settings_json(int port, int buffer_size = 1000, const std::string &main_file = "index.html",
-                                 const std::string &rootdir = "./")
-{
-    return "{\"varnok\":{\"port\":" + std::to_string(port) + ",\"buffer-size\":" + std::to_string(buffer_size) +
-           ",\"main-file\":\"" + main_file + "\",\"rootdir\":\"" + rootdir + "\"}}";
-}
-
 /// The program, started through a link in `program_folder` with `working_folder` as its
 /// working folder; stopped by its id when the test ends.
 class ServerProcess {
@@ -172,7 +165,9 @@ struct Site {
     {
         server.reset();
         port = free_port();
-        folder.write("package.json", settings_json(port, buffer_size, main_file, rootdir));
+        folder.write("package.json", "{\"varnok\":{\"port\":" + std::to_string(port) + ",\"buffer-size\":" +
+                                         std::to_string(buffer_size) + ",\"main-file\":\"" + main_file +
+                                         "\",\"rootdir\":\"" + rootdir + "\"}}");
         server.emplace(folder.path() / "www", folder.path());
         return server->wait_listening();
     }

@@ -22,6 +22,7 @@ TEST(Serving, AnswersFilesTheListingAndNotFound)
     site.folder.write("www/a b.html", "space");
     site.folder.write("www/x.html", "x");
     site.folder.write("www/page.html", "page");
+    site.folder.write("www/empty.txt", "");
     site.folder.write("www/save/one.json", "1");
     site.folder.write("www/save/two.json", "2");
     site.folder.write("secret.txt", "outside");
@@ -34,6 +35,7 @@ TEST(Serving, AnswersFilesTheListingAndNotFound)
         {"GET /index.html HTTP/1.1\r\nHost: x\r\n\r\n", ok_answer("text/html; charset=UTF-8", "<h1>hi</h1>\n")},
         {"GET / HTTP/1.1\r\n\r\n", ok_answer("text/html; charset=UTF-8", "<h1>hi</h1>\n")},
         {"GET /missing.html HTTP/1.1\r\n\r\n", NOT_FOUND},
+        {"GET /empty.txt HTTP/1.1\r\n", ok_answer("text/plain; charset=UTF-8", "")},
         {"GET /a%20b.html HTTP/1.1\r\n", ok_answer("text/html; charset=UTF-8", "space")},
         {"GET /x.html%00.png HTTP/1.1\r\n", ok_answer("image/png", "x")},
         {"GET /page.ht%6Dl HTTP/1.1\r\n", ok_answer("text/plain; charset=UTF-8", "page")},
@@ -76,10 +78,12 @@ TEST(Serving, ClientsThatSayNothingAndTheNeverClearedReceiveArea)
     EXPECT_EQ(site.get("GET /x.html "), ok_answer("text/html; charset=UTF-8", "x"));
 }
 
+// The main file's name is used as it is, not percent-decoded: "m%41.html" is not "mA.html".
 TEST(Serving, MissingMainFileIsNotFound)
 {
     Site site;
-    ASSERT_TRUE(site.start(1000, "start.html"));
+    site.folder.write("www/mA.html", "decoded");
+    ASSERT_TRUE(site.start(1000, "m%41.html"));
     EXPECT_EQ(site.get("GET / HTTP/1.1\r\n"), NOT_FOUND);
 }
 
