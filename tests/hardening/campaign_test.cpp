@@ -27,15 +27,13 @@ struct Case {
 const std::string HTML = "text/html; charset=UTF-8", TEXT = "text/plain; charset=UTF-8";
 const std::string LAST = "GET /x.html HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
 
-// A client that resets its connection while another one holds the server: the answer it is due
-// goes to a reset connection.
 void expect_no_sanitizer_report(const ServerProcess &server)
 {
-    const std::string errors = server.errors();
-    EXPECT_EQ(errors.find("runtime error"), std::string::npos) << errors;
-    EXPECT_EQ(errors.find("Sanitizer"), std::string::npos) << errors;
+    EXPECT_FALSE(std::regex_search(server.errors(), std::regex("runtime error|Sanitizer"))) << server.errors();
 }
 
+// A client that resets its connection while another one holds the server: the answer it is due
+// goes to a reset connection.
 void send_reset_while_queued(int port, const std::string &request)
 {
     const int holder = connect_to(port);
@@ -63,10 +61,10 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
     // The document root is the program's folder followed by "./", less the last "/".
     const int root_length = static_cast<int>((site.folder.path() / "www/.").string().size());
     const std::string fits(1022 - root_length, 'a'), too_long(1023 - root_length, 'a');
-    std::string escaped_path; // 1023 bytes as sent, 343 once decoded
-    for (int i = 0; i < 340; i++)
+    std::string escaped_path = "/"; // 1023 bytes as sent, 343 once decoded
+    while (escaped_path.size() < 1021)
         escaped_path += "%61";
-    escaped_path = "/" + escaped_path + "aa";
+    escaped_path += "aa";
 
     const Case cases[] = {
         {"no line end", "GET /x.html HTTP/1.1 extra words", End::Answer, ok_answer(HTML, "x")},
