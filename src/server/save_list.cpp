@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "server/request.h"
 
@@ -20,6 +21,19 @@ void set_name(char *name, const char *text)
 bool is_dot_entry(const char *name)
 {
     return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// The folder, "/" unless it already ends in one, and the name, built with checked copies: a full
+// path over 255 bytes ends the process, a deliberate limit of the listing.
+std::string bounded_full_path(const char *folder, const char *name)
+{
+    const size_t folder_length = strlen(folder);
+    const char *separator = folder_length > 0 && folder[folder_length - 1] == '/' ? "" : "/";
+    char full_path[SAVE_NAME_SIZE] = {};
+    text_copy_bounded(full_path, sizeof full_path, folder);
+    text_append_bounded(full_path, sizeof full_path, separator);
+    text_append_bounded(full_path, sizeof full_path, name);
+    return full_path;
 }
 
 void append_entry(SaveList *list, SaveEntry *entry)
@@ -43,19 +57,14 @@ int32_t read_folder(const char *folder, SaveList *list, bool store_full_path)
     list->prev = list->next = nullptr;
     list->is_folder = 1;
     set_name(list->name, folder);
-    const size_t folder_length = strlen(folder);
-    const char *separator = folder_length > 0 && folder[folder_length - 1] == '/' ? "" : "/";
 
     while (const dirent *found = readdir(dir)) {
         if (is_dot_entry(found->d_name))
             continue;
-        // Checked copies: a full path over 255 bytes ends the process, a deliberate limit.
-        char full_path[SAVE_NAME_SIZE] = {};
-        text_copy_bounded(full_path, sizeof full_path, folder);
-        text_append_bounded(full_path, sizeof full_path, separator);
-        text_append_bounded(full_path, sizeof full_path, found->d_name);
+        const std::string full_path = store_full_path ? std::string(folder) + "/" + found->d_name
+                                                      : bounded_full_path(folder, found->d_name);
         struct stat status;
-        if (stat(full_path, &status) != 0) {
+        if (stat(full_path.c_str(), &status) != 0) {
             closedir(dir);
             return -3;
         }
@@ -63,7 +72,7 @@ int32_t read_folder(const char *folder, SaveList *list, bool store_full_path)
         if (entry == nullptr)
             break;
         entry->is_folder = S_ISDIR(status.st_mode) ? 1 : 0;
-        set_name(entry->name, store_full_path ? full_path : found->d_name);
+        set_name(entry->name, store_full_path ? full_path.c_str() : found->d_name);
         append_entry(list, entry);
     }
     closedir(dir);

@@ -23,7 +23,8 @@ SaveList *save_list_create();
 /// cannot be read (the entries before it stay). Aborts when an entry's full path exceeds 255 bytes.
 int32_t save_list_read(const char *folder, SaveList *list);
 
-/// Like save_list_read, but each entry's `name` holds its full path (cut to 255 bytes).
+/// Like save_list_read, but each entry's `name` holds its full path: folder, "/" (even after a
+/// trailing one) and name, cut to 255 bytes.
 int32_t save_list_read_paths(const char *folder, SaveList *list);
 
 /// Frees `list` and every record after it; null does nothing.

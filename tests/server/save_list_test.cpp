@@ -1,80 +1,53 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <set>
 #include <string>
-#include <vector>
 
 #include "server/save_list.h"
 #include "support/temp_folder.h"
 
-namespace {
-
-struct Listing {
-    int32_t result;
-    std::vector<std::string> names; // sorted; directory order is not promised
-    std::vector<std::string> folders;
-};
-
-Listing list_folder(const std::string &folder, bool full_paths = false)
+// "result:" and the names, sorted as directory order is not promised; a folder's name ends in "/".
+static std::string list_folder(const std::string &folder, bool full_paths = false)
 {
     SaveList *list = save_list_create();
-    Listing out{full_paths ? save_list_read_paths(folder.c_str(), list) : save_list_read(folder.c_str(), list), {}, {}};
+    const int32_t result = (full_paths ? save_list_read_paths : save_list_read)(folder.c_str(), list);
+    std::set<std::string> names;
     for (const SaveEntry *entry = list->next; entry; entry = entry->next) {
-        out.names.push_back(entry->name);
-        if (entry->is_folder)
-            out.folders.push_back(entry->name);
+        EXPECT_EQ(entry->prev ? entry->prev->next : list->next, entry); // linked both ways
+        names.insert(entry->name + std::string(entry->is_folder ? "/" : ""));
     }
+    EXPECT_EQ(std::string(list->name), result == -2 ? "" : folder); // the head holds the folder's path
     save_list_free(list);
-    std::sort(out.names.begin(), out.names.end());
-    return out;
+    std::string text = std::to_string(result) + ":";
+    for (const std::string &name : names)
+        text += " " + name;
+    return text;
 }
 
-TEST(SaveList, ListsOneLevelWithFolderFlags)
+TEST(SaveListDeathTest, ListsOneLevelByBareNameUpToTheFullPathLimitOrSaysWhyNot)
 {
     TempFolder folder;
-    folder.write("save/slot1.json", "{}");
-    folder.write("save/.hidden", "");
-    folder.write("save/sub/inner.json", "");
-    const std::vector<std::string> expected{".hidden", "slot1.json", "sub"};
-    for (const std::string &path : {folder / "save", folder / "save/"}) {
-        Listing listing = list_folder(path);
-        EXPECT_EQ(listing.result, 0);
-        EXPECT_EQ(listing.names, expected);
-        EXPECT_EQ(listing.folders, std::vector<std::string>{"sub"});
-    }
-    EXPECT_EQ(list_folder(folder / "save/", true).names[1], folder / "save/slot1.json");
-}
-
-TEST(SaveList, ReportsEmptyMissingPlainFileAndDanglingLink)
-{
-    TempFolder folder;
+    for (const char *file : {"save/slot1.json", "save/.hidden", "save/sub/inner.json", "plain", "links/real.json"})
+        folder.write(file, "");
     std::filesystem::create_directory(folder / "empty");
-    folder.write("plain", "x");
-    EXPECT_EQ(list_folder(folder / "empty").result, 0);
-    EXPECT_TRUE(list_folder(folder / "empty").names.empty());
-    EXPECT_EQ(list_folder(folder / "missing").result, -2);
-    EXPECT_EQ(list_folder(folder / "plain").result, -2);
+    const std::pair<const char *, const char *> cases[] = {
+        {"save", "0: .hidden slot1.json sub/"}, {"save/", "0: .hidden slot1.json sub/"},
+        {"empty", "0:"}, {"missing", "-2:"}, {"plain", "-2:"}};
+    for (auto [name, listing] : cases)
+        EXPECT_EQ(list_folder(folder / name), listing);
     EXPECT_EQ(save_list_read(nullptr, nullptr), -1);
 
-    folder.write("save/real.json", "");
-    ASSERT_EQ(symlink("nowhere", (folder / "save/dangling").c_str()), 0);
-    Listing listing = list_folder(folder / "save");
-    EXPECT_EQ(listing.result, -3);
-    EXPECT_LE(listing.names.size(), 1u); // the entries before the link stay
-}
+    ASSERT_EQ(symlink("nowhere", (folder / "links/dangling").c_str()), 0);
+    const std::string partial = list_folder(folder / "links"); // the entries read before the link stay
+    EXPECT_TRUE(partial == "-3:" || partial == "-3: real.json") << partial;
 
-TEST(SaveListDeathTest, LongNamesAreKeptUpToTheFullPathLimit)
-{
-    TempFolder folder;
     WorkingFolder inside(folder.path());
-    const std::string longest_that_fits(253, 'n'); // "s/" + 253 bytes = 255
-    folder.write("s/" + longest_that_fits, "");
-    EXPECT_EQ(list_folder("s").names, std::vector<std::string>{longest_that_fits});
-
-    // A name of 255 bytes (the most a folder entry can have) makes a full path over 255 bytes.
-    folder.write("s/" + std::string(255, 'm'), "");
+    const std::string fits(253, 'n'), longest(255, 'm'); // "s/" + 253 bytes = 255
+    folder.write("s/" + fits, "");
+    EXPECT_EQ(list_folder("s/"), "0: " + fits); // no "/" doubled after a folder that ends in one
+    // The full-path listing always puts "/" between folder and name and cuts what does not fit.
+    folder.write("s/" + longest, "");
+    EXPECT_EQ(list_folder("s/", true), "0: " + ("s//" + longest).substr(0, 255) + " " + ("s//" + fits).substr(0, 255));
     EXPECT_DEATH(list_folder("s"), "buffer overflow detected");
 }
-
-} // namespace
