@@ -67,6 +67,7 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
     escaped_path += "aa";
 
     const Case cases[] = {
+        {"headers past buffer-size", "GET /x.html HTTP/1.1\r\nHost: example\r\n\r\n", End::Answer, ok_answer(HTML, "x"), 24},
         {"no line end", "GET /x.html HTTP/1.1 extra words", End::Answer, ok_answer(HTML, "x")},
         {"NUL after the version", std::string("GET /x.html HTTP/1.1\0\r\n", 23), End::Answer, ok_answer(HTML, "x")},
         {"NUL before the version", std::string("GET /x.html\0 HTTP/1.1\r\n", 23), End::Abort},
@@ -95,6 +96,7 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
         {"path of 1023 bytes, shorter decoded", "GET " + escaped_path + " HTTP/1.1\r\n", End::Answer, NOT_FOUND, 4096},
         {"path of 1024 bytes, shorter decoded", "GET " + escaped_path + "a HTTP/1.1\r\n", End::Abort, "", 4096},
         {"long main-file", "GET / HTTP/1.1\r\n", End::Answer, NOT_FOUND, 1000, "", std::string(980 - root_length, 'm')},
+        {"main-file taken as it is, not decoded", "GET / HTTP/1.1\r\n", End::Answer, NOT_FOUND, 1000, "", "x%2Ehtml"},
         {"main-file past the path", "GET / HTTP/1.1\r\n", End::Abort, "", 1000, "", std::string(1030, 'm')},
         {"reset while queued", "GET /x.html HTTP/1.1\r\n", End::Pipe},
         {"reset while queued, not found", "GET /missing HTTP/1.1\r\n", End::Pipe},
