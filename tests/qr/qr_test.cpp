@@ -66,8 +66,6 @@ TEST(QrEncode, RefusalsKeepThePreviousGrid) {
         {"", ",0"}, {kCode80 + "c0a80108", ",88,5"},
         {repeat(std::string(255, '9') + "\x93\x5f", 4), ",1028,0"},  // digit runs apart by kanji: over 3200 bits in any group
         {repeat("a1", 201), ",402,0"},  // more mode changes than the segment table holds
-        {std::string(300, 'a'), ",300,0"},  // one segment longer than its 8-bit length counts
-        {std::string(260, '1'), ",260,0"},
     };
     ASSERT_EQ(encode("abc"), 1);
     const QrSymbol before = qr_symbol;
@@ -237,6 +235,19 @@ TEST(QrSymbol, AlignmentPatternOfVersionTwo) {
     EXPECT_EQ(m[18][18], 1);  // dark centre, light ring, dark border
     for (int i = -1; i <= 1; ++i) EXPECT_EQ(m[18 + i][17] + m[18 + i][19] + m[17][18 + i] + m[19][18 + i], 0);
     for (int i = -2; i <= 2; ++i) EXPECT_EQ(m[18 + i][16] & m[18 + i][20] & m[16][18 + i] & m[20][18 + i], 1);
+}
+
+TEST(QrSymbol, SegmentLengthsWrapInEightBits) {
+    // A segment keeps its length modulo 256: the symbol holds as many characters as the wrapped length counts.
+    const struct { std::string text, printed; int size; std::string reads; } cases[] = {
+        {std::string(300, 'a'), ",300,3", 29, std::string(44, 'a')}, {std::string(260, '1'), ",260,1", 21, "1111"}};
+    for (const auto &c : cases) {
+        std::string printed;
+        EXPECT_EQ(encode(c.text, &printed), 1);
+        EXPECT_EQ(printed, c.printed);
+        EXPECT_EQ(qr_symbol.size, c.size);
+        EXPECT_EQ(decode_picture(false), c.reads);
+    }
 }
 
 }  // namespace
