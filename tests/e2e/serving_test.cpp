@@ -120,8 +120,16 @@ TEST(Serving, ARestartOnTheSamePortFailsToBindAndExitsZero)
     site.folder.write("www/index.html", "main");
     ASSERT_TRUE(site.start());
     for (int i = 0; i < 3; i++)
-        site.get("GET / HTTP/1.1\r\n");
+        ASSERT_EQ(site.get("GET / HTTP/1.1\r\n"), ok_answer("text/html; charset=UTF-8", "main"));
     site.server.reset();
+    // The system keeps closed connections only while its table of them has room (a benchmark run
+    // just before can fill it); without them the port is free again at once.
+    const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in address = loopback(site.port);
+    const bool port_held = bind(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0;
+    close(probe);
+    if (!port_held)
+        GTEST_SKIP() << "the system kept no closed connection of the server's port";
 
     ServerProcess again(site.folder.path() / "www", site.folder.path());
     const int status = again.wait_exit();
