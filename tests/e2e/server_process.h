@@ -161,13 +161,15 @@ struct Site {
     std::optional<ServerProcess> server;
 
     /// Starts the program afresh, on a new port: the old one is held by the closes of the last.
-    bool start(int buffer_size = 1000, const std::string &main_file = "index.html", const std::string &rootdir = "./")
+    /// The port setting is the port plus `port_above` (65536 binds the same port).
+    bool start(int buffer_size = 1000, const std::string &main_file = "index.html", const std::string &rootdir = "./",
+               int port_above = 0)
     {
         server.reset();
         port = free_port();
-        folder.write("package.json", "{\"varnok\":{\"port\":" + std::to_string(port) + ",\"buffer-size\":" +
-                                         std::to_string(buffer_size) + ",\"main-file\":\"" + main_file +
-                                         "\",\"rootdir\":\"" + rootdir + "\"}}");
+        folder.write("package.json", "{\"varnok\":{\"port\":" + std::to_string(port + port_above) +
+                                         ",\"buffer-size\":" + std::to_string(buffer_size) + ",\"main-file\":\"" +
+                                         main_file + "\",\"rootdir\":\"" + rootdir + "\"}}");
         server.emplace(folder.path() / "www", folder.path());
         return server->wait_listening();
     }

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <utime.h>
 
 #include <cerrno>
+#include <ctime>
 #include <string>
 
 #include "e2e/server_process.h"
@@ -16,10 +18,15 @@ TEST(Serving, AnswersFilesTheListingAndNotFound)
     site.folder.write("www/x.html", "x");
     site.folder.write("www/page.html", "page");
     site.folder.write("www/empty.txt", "");
-    site.folder.write("www/save/one.json", "1");
-    site.folder.write("www/save/two.json", "2");
+    for (const char *slot : {"www/save/one.json", "www/save/two.json", "www/save/three.json"})
+        site.folder.write(slot, "1");
     site.folder.write("secret.txt", "outside");
-    ASSERT_TRUE(site.start());
+    const utimbuf modified{1700000000, 1700000000};
+    utime((site.folder / "www/x.html").c_str(), &modified);
+    setenv("TZ", "XYZ-5:30", 1); // the server's local time runs 5 h 30 min ahead of UTC
+    const bool started = site.start();
+    unsetenv("TZ");
+    ASSERT_TRUE(started);
 
     struct Case {
         const char *request;
@@ -41,10 +48,22 @@ TEST(Serving, AnswersFilesTheListingAndNotFound)
     for (const Case &c : cases)
         EXPECT_EQ(site.get(c.request), c.answer) << c.request;
 
-    const std::string listing = site.get("GET /save HTTP/1.1\r\n\r\n");
-    EXPECT_TRUE(listing == ok_answer("text/plain; charset=UTF-8", "one.json\ntwo.json\n", false) ||
-                listing == ok_answer("text/plain; charset=UTF-8", "two.json\none.json\n", false))
-        << listing;
+    // Dates are UTC whatever the server's own zone.
+    const time_t before = time(nullptr);
+    const std::string dated = round_trip(site.port, "GET /x.html HTTP/1.1\r\n");
+    const time_t after = time(nullptr);
+    EXPECT_NE(dated.find("\r\nLast-Modified: Tue, 14 Nov 2023 22:13:20 GMT\r\n"), std::string::npos) << dated;
+    tm date{};
+    const size_t date_at = dated.find("\r\nDate: ");
+    ASSERT_NE(date_at, std::string::npos) << dated;
+    ASSERT_NE(strptime(dated.c_str() + date_at + 8, "%a, %d %b %Y %H:%M:%S GMT", &date), nullptr) << dated;
+    EXPECT_TRUE(before <= timegm(&date) && timegm(&date) <= after) << dated;
+
+    // The listing comes in the order the system reads the folder (the iterator reads with readdir).
+    std::string names;
+    for (const auto &entry : std::filesystem::directory_iterator(site.folder / "www/save"))
+        names += entry.path().filename().string() + "\n";
+    EXPECT_EQ(site.get("GET /save HTTP/1.1\r\n\r\n"), ok_answer("text/plain; charset=UTF-8", names, false));
 
     // A folder asked for by another name than "/save" is answered as a file of zero bytes.
     struct stat folder_status;

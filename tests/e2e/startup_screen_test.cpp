@@ -35,13 +35,18 @@ std::string expected_pairing_code(int port)
     return code;
 }
 
-TEST(StartupScreen, ReadsLineByLine)
+// The screen shows the port setting as given; a setting above 65535 is bound by its low 16 bits.
+class StartupScreen : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(PortSettings, StartupScreen, testing::Values(0, 65536));
+
+TEST_P(StartupScreen, ReadsLineByLine)
 {
     Site site;
-    ASSERT_TRUE(site.start()) << site.server->errors();
+    ASSERT_TRUE(site.start(1000, "index.html", "./", GetParam())) << site.server->errors();
+    const int port = site.port + GetParam();
     const std::vector<std::string> lines = lines_of(site.server->console());
 
-    const std::string code = expected_pairing_code(site.port);
+    const std::string code = expected_pairing_code(port);
     testing::internal::CaptureStdout();
     ASSERT_EQ(qr_encode(code.c_str(), 0), 1);
     const std::string numbers = testing::internal::GetCapturedStdout();
@@ -69,14 +74,15 @@ TEST(StartupScreen, ReadsLineByLine)
     const std::vector<std::string> expected_rest = {
         "",
         "\t\tUse\t\tDefault",
-        "       port\t" + std::to_string(site.port) + "\t\t1010",
+        "       port\t" + std::to_string(port) + "\t\t1010",
         "buffer-size\t1000\t\t1000",
         "  main-file\tindex.html\tindex.html",
         "    rootdir\t./\t\t./",
         "",
-        "Listening on 0.0.0.0:" + std::to_string(site.port),
+        "Listening on 0.0.0.0:" + std::to_string(port),
     };
     EXPECT_EQ(rest, expected_rest);
+    EXPECT_TRUE(site.get("GET / HTTP/1.1\r\n").starts_with("HTTP/1.1 404 Not Found\r\n")); // on the bound port
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include <set>
 #include <string>
 
@@ -43,11 +45,19 @@ TEST(SaveListDeathTest, ListsOneLevelByBareNameUpToTheFullPathLimitOrSaysWhyNot)
     EXPECT_TRUE(partial == "-3:" || partial == "-3: real.json") << partial;
 
     WorkingFolder inside(folder.path());
-    const std::string fits(253, 'n'), longest(255, 'm'); // "s/" + 253 bytes = 255
-    folder.write("s/" + fits, "");
-    EXPECT_EQ(list_folder("s/"), "0: " + fits); // no "/" doubled after a folder that ends in one
+    // Folder, "/" (not doubled after a folder that ends in one) and name: 255 bytes fit, 256 end the process.
+    const std::pair<const char *, size_t> bounds[] = {{"a", 253}, {"b/", 253}, {"c", 254}, {"d/", 254}, {"e", 255}};
+    for (auto [in, name_length] : bounds) {
+        const std::string name(name_length, 'n');
+        folder.write(std::string(in).substr(0, 1) + "/" + name, "");
+        if (name_length == 253)
+            EXPECT_EQ(list_folder(in), "0: " + name) << in;
+        else
+            EXPECT_EXIT(list_folder(in), testing::KilledBySignal(SIGABRT), "buffer overflow detected") << in;
+    }
     // The full-path listing always puts "/" between folder and name and cuts what does not fit.
+    const std::string fits(253, 'n'), longest(255, 'm');
+    folder.write("s/" + fits, "");
     folder.write("s/" + longest, "");
     EXPECT_EQ(list_folder("s/", true), "0: " + ("s//" + longest).substr(0, 255) + " " + ("s//" + fits).substr(0, 255));
-    EXPECT_DEATH(list_folder("s"), "buffer overflow detected");
 }

@@ -7,11 +7,13 @@
 #include "settings/settings.h"
 #include "support/temp_folder.h"
 
-// The file as written: members of the root, then the `varnok` object with its port and the three other members.
-static std::string written_file(const std::string &before, const std::string &port)
+// The file as written: the root's members before `varnok`, the `varnok` object with its port and the three
+// other members, then the root's members after it.
+static std::string written_file(const std::string &before, const std::string &port, const std::string &after = "")
 {
     return "{\n" + before + "\t\"varnok\":\t{\n\t\t\"port\":\t" + port +
-           ",\n\t\t\"buffer-size\":\t1000,\n\t\t\"main-file\":\t\"index.html\",\n\t\t\"rootdir\":\t\"./\"\n\t}\n}";
+           ",\n\t\t\"buffer-size\":\t1000,\n\t\t\"main-file\":\t\"index.html\",\n\t\t\"rootdir\":\t\"./\"\n\t}" +
+           after + "\n}";
 }
 static const std::string WRITE = "Write done\n", DEFAULT_FILE = written_file("", "1010"),
     EMPTY_FILE = "File package.json exists but zero bytes\nI will write the file with default value\n" + WRITE,
@@ -34,7 +36,9 @@ TEST(SettingsLoad, EveryStartingPointOfThePackageFile)
         {"port=8080", std::nullopt, PARSE_ERROR},
         {"{ \"name\" : \"game\", \"n\": 1.50 }", written_file("\t\"name\":\t\"game\",\n\t\"n\":\t1.5,\n", "1010"),
          "Get varnok object error, I will write one with default value\n" + WRITE},
-        {"{\"VARNOK\": 5}", DEFAULT_FILE, "varnok is not object, I will overwrite it with object\n"
+        // The new object takes the old member's place among the others.
+        {"{\"a\":1,\"VARNOK\": 5,\"z\":2}", written_file("\t\"a\":\t1,\n", "1010", ",\n\t\"z\":\t2"),
+         "varnok is not object, I will overwrite it with object\n"
          "Get varnok port error, set default: 1010\n" + WRITE + OTHER_KEYS, "0: 1010 1000 index.html ./"},
         {"{\"varnok\":{\"port\":8080}}", written_file("", "8080"), OTHER_KEYS, "0: 8080 1000 index.html ./"},
         {"{\"varnok\":{\"port\":\"8080\",\"buffer-size\":true,\"main-file\":3,\"rootdir\":\"\"}} tail", std::nullopt, "",
