@@ -5,7 +5,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       := $(shell nproc)
 
-.PHONY: all deps build build-asan run test test-unit test-asan test-clients test-hardening test-fuzz bench-quick clean
+.PHONY: all deps build build-asan run test test-unit test-asan test-clients test-hardening test-fuzz test-serve bench-quick clean
 
 all: build
 
@@ -21,9 +21,11 @@ build-asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 # The server finds its files next to the program, so the sample folder gets a link to it.
+# scripts/serve confines it to that folder and starts it again when a signal ends it.
 run: build
+	@scripts/install-deps serve
 	ln -sf "$(CURDIR)/$(BUILD)/varnok-http-server" examples/varnok-http-server
-	cd examples && exec "$(CURDIR)/examples/varnok-http-server"
+	exec scripts/serve examples
 
 test-unit: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
@@ -51,7 +53,12 @@ bench-quick: build
 	@scripts/install-deps bench-quick
 	bench/run --quick
 
-test: test-unit test-asan test-clients test-hardening test-fuzz
+# scripts/serve against the program run directly: climbs out of the folder, screens, hostile clients.
+test-serve: build
+	@scripts/install-deps serve
+	tests/serve/run $(BUILD)/varnok-http-server
+
+test: test-unit test-asan test-clients test-hardening test-fuzz test-serve
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz examples/varnok-http-server
