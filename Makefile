@@ -5,7 +5,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       := $(shell nproc)
 
-.PHONY: all deps build build-asan run test test-unit test-asan test-clients test-hardening test-fuzz test-serve bench-quick clean
+.PHONY: all deps build build-asan run test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link bench-quick clean
 
 all: build
 
@@ -38,6 +38,11 @@ test-clients: build
 	@scripts/install-deps browser
 	tests/clients/run $(BUILD)/varnok-http-server
 
+# varnok-link's symbols read by three decoders from the grid and off xterm, its links opened in Chromium.
+test-link: build
+	@scripts/install-deps link
+	tests/link/run $(BUILD)
+
 # The 100 000-request soak (the bad-input campaign runs with the unit tests, in both builds).
 test-hardening: build
 	$(BUILD)/soak_test
@@ -58,7 +63,7 @@ test-serve: build
 	@scripts/install-deps serve
 	tests/serve/run $(BUILD)/varnok-http-server
 
-test: test-unit test-asan test-clients test-hardening test-fuzz test-serve
+test: test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz examples/varnok-http-server

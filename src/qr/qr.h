@@ -30,3 +30,5 @@ extern QrSymbol qr_symbol;
 
 /// Encodes `text` into `qr_symbol`, printing ",LEN" and ",VERSION"; 1 on success, 0 on failure.
 int qr_encode(const char *text, int32_t ignored);
+/// Encodes `text` like qr_encode, but prints nothing; 1 on success, 0 on failure.
+int qr_encode_quiet(const char *text);
