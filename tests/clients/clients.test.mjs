@@ -175,7 +175,9 @@ const ENGINES = {
     const browser = await puppeteer.launch({ browser: 'firefox', executablePath: '/usr/bin/firefox-esr',
       extraPrefsFirefox: { 'network.dns.native-is-localhost': true, 'network.dns.disablePrefetch': true } });
     const [page] = await browser.pages();
-    await page.setViewport({ width: 420, height: 760 });
+    // Debian 12's Firefox ESR 140 takes the size but knows no screen orientation, which is asked for too.
+    await page.setViewport({ width: 420, height: 760 }).catch((error) => error.message.includes('OrientationOverride')
+      || browser.close().then(() => { throw error; }));
     return { page, close: () => browser.close(), picture: 'game-browser.png' };
   },
   async WebKit() {
