@@ -51,6 +51,7 @@ test-hardening: build
 FUZZ_SECONDS := 30
 test-fuzz: deps
 	@scripts/install-deps fuzz
+	@scripts/install-deps fuzz-runtime
 	fuzz/run --seconds $(FUZZ_SECONDS)
 
 # Ours and the two reference loops, 1 s per cell: keeps the benchmark runnable; asserts no speed.
