@@ -95,19 +95,6 @@ TEST(Serving, BufferSizeZeroOrBelowAnswersNobody)
     }
 }
 
-TEST(Serving, RootdirIsAlwaysUnderTheProgramsFolder)
-{
-    struct Case {
-        const char *rootdir, *file;
-    } cases[] = {{"/site", "www/site/index.html"}, {"site//", "www/site/index.html"}, {"../", "index.html"}};
-    for (const Case &c : cases) {
-        Site site;
-        site.folder.write(c.file, c.rootdir);
-        ASSERT_TRUE(site.start(1000, "index.html", c.rootdir)) << c.rootdir;
-        EXPECT_EQ(site.get("GET / HTTP/1.1\r\n"), ok_answer("text/html; charset=UTF-8", c.rootdir));
-    }
-}
-
 // The server sets no address reuse and closes every connection first, so its port stays taken
 // for a while after it ends: a restart then says so and exits with status 0.
 TEST(Serving, ARestartOnTheSamePortFailsToBindAndExitsZero)

@@ -20,6 +20,7 @@ struct Case {
     int buffer_size = 1000;
     std::string before = ""; // sent first: what it leaves in the never-cleared receive area is read again
     std::string main_file = "index.html";
+    std::string rootdir = "./"; // always taken under the program's folder
 };
 
 const std::string HTML = "text/html; charset=UTF-8", TEXT = "text/plain; charset=UTF-8";
@@ -56,6 +57,8 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
     Site site;
     site.folder.write("www/index.html", "main");
     site.folder.write("www/x.html", "x");
+    site.folder.write("www/site/index.html", "site");
+    site.folder.write("index.html", "above");
     // The document root is the program's folder followed by "./", less the last "/".
     const int root_length = static_cast<int>((site.folder.path() / "www/.").string().size());
     const std::string fits(1022 - root_length, 'a'), too_long(1023 - root_length, 'a');
@@ -91,11 +94,14 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
         {"long main-file", "GET / HTTP/1.1\r\n", End::Answer, NOT_FOUND, 1000, "", std::string(980 - root_length, 'm')},
         {"main-file taken as it is, not decoded", "GET / HTTP/1.1\r\n", End::Answer, NOT_FOUND, 1000, "", "x%2Ehtml"},
         {"main-file past the path", "GET / HTTP/1.1\r\n", End::Abort, "", 1000, "", std::string(1030, 'm')},
+        {"rootdir from /", "GET / HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "site"), 1000, "", "index.html", "/site"},
+        {"rootdir with //", "GET / HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "site"), 1000, "", "index.html", "site//"},
+        {"rootdir above", "GET / HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "above"), 1000, "", "index.html", "../"},
         {"reset while queued", "GET /x.html HTTP/1.1\r\n", End::Pipe},
         {"reset while queued, not found", "GET /missing HTTP/1.1\r\n", End::Pipe},
     };
     for (const Case &c : cases) {
-        ASSERT_TRUE(site.start(c.buffer_size, c.main_file)) << c.what;
+        ASSERT_TRUE(site.start(c.buffer_size, c.main_file, c.rootdir)) << c.what;
         if (!c.before.empty())
             site.get(c.before);
         if (c.end == End::Pipe) {
