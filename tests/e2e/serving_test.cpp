@@ -84,17 +84,6 @@ TEST(Serving, ClientsThatSayNothingAreLeftAndTheNextIsServed)
     EXPECT_EQ(site.get("GET /index.html HTTP/1.1\r\n\r\n"), ok_answer("text/html; charset=UTF-8", "main"));
 }
 
-TEST(Serving, BufferSizeZeroOrBelowAnswersNobody)
-{
-    for (int buffer_size : {0, -1}) {
-        Site site;
-        site.folder.write("www/index.html", "main");
-        ASSERT_TRUE(site.start(buffer_size)) << buffer_size << site.server->errors();
-        EXPECT_EQ(round_trip(site.port, "GET / HTTP/1.1\r\n\r\n"), "");
-        EXPECT_EQ(round_trip(site.port, "GET / HTTP/1.1\r\n\r\n"), "");
-    }
-}
-
 // The server sets no address reuse and closes every connection first, so its port stays taken
 // for a while after it ends: a restart then says so and exits with status 0.
 TEST(Serving, ARestartOnTheSamePortFailsToBindAndExitsZero)

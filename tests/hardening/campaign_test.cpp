@@ -84,6 +84,8 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
         {"long query string", "GET /x.html?" + std::string(1000, 'q') + " HTTP/1.1\r\n", End::Abort},
         {"long query string, larger buffer", "GET /x.html?" + std::string(900, 'q') + " HTTP/1.1\r\n", End::Answer,
          NOT_FOUND, 4096},
+        {"buffer-size 0 answers nobody", "GET /x.html HTTP/1.1\r\n", End::Answer, "", 0},
+        {"buffer-size -1 answers nobody", "GET /x.html HTTP/1.1\r\n", End::Answer, "", -1},
         {"buffer-size 1", "GET /x.html HTTP/1.1\r\n", End::Abort, "", 1},
         {"escaped dot", "GET /x%2Ehtml HTTP/1.1\r\n", End::Answer, ok_answer(TEXT, "x")},
         {"escaped NUL", "GET /x.html%00 HTTP/1.1\r\n", End::Answer, ok_answer(TEXT, "x")},
@@ -115,6 +117,9 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
             expect_signal(*site.server, SIGABRT, c.what);
         } else {
             EXPECT_EQ(answer, c.answer) << c.what;
+            if (c.answer.empty()) { // and not because the process ended
+                EXPECT_EQ(site.get(c.request), "") << c.what;
+            }
             expect_no_sanitizer_report(*site.server);
         }
     }
