@@ -26,16 +26,17 @@ inline sockaddr_in loopback(int port)
     return address;
 }
 
-/// A port the kernel just handed out on 127.0.0.1 and that nobody holds now.
-inline int free_port()
+/// The port a socket got bound to on 127.0.0.1 (`port` 0: one the kernel hands out, free now), or 0
+/// when `port` is held.
+inline int bound_port(int port = 0)
 {
     int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = loopback(0);
+    sockaddr_in address = loopback(port);
     socklen_t length = sizeof address;
-    bind(probe, reinterpret_cast<sockaddr *>(&address), length);
-    getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length);
+    const bool bound = bind(probe, reinterpret_cast<sockaddr *>(&address), length) == 0 &&
+                       getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length) == 0;
     close(probe);
-    return ntohs(address.sin_port);
+    return bound ? ntohs(address.sin_port) : 0;
 }
 
 inline int connect_to(int port)
@@ -128,8 +129,8 @@ public:
 
     bool running() { return !exited_ && !(exited_ = waitpid(pid_, &status_, WNOHANG) == pid_); }
     pid_t pid() const { return pid_; }
-    std::string console() const { return read_all(console_); }
-    std::string errors() const { return read_all(errors_); }
+    std::string console() const { return file_text(console_); }
+    std::string errors() const { return file_text(errors_); }
 
 private:
     template <typename Check> static bool poll(Check check)
@@ -140,11 +141,6 @@ private:
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         return false;
-    }
-    static std::string read_all(const std::filesystem::path &path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
     }
 
     std::filesystem::path console_, errors_;
@@ -166,7 +162,7 @@ struct Site {
                int port_above = 0)
     {
         server.reset();
-        port = free_port();
+        port = bound_port();
         folder.write("package.json", "{\"varnok\":{\"port\":" + std::to_string(port + port_above) +
                                          ",\"buffer-size\":" + std::to_string(buffer_size) + ",\"main-file\":\"" +
                                          main_file + "\",\"rootdir\":\"" + rootdir + "\"}}");

@@ -1,11 +1,9 @@
 // Bad requests against the real program, each with the outcome it must have: an answer, a close
 // without one, or the end of the process (SIGABRT for a token that is missing or does not fit,
-// SIGPIPE for an answer to a connection already reset). Then random bytes by the hundred, which
-// may only be answered well, closed, or end the process with SIGABRT.
+// SIGPIPE for an answer to a connection already reset). Random bytes are left to the fuzz targets.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <random>
 #include <string>
 
 #include "e2e/server_process.h"
@@ -22,6 +20,7 @@ struct Case {
     int buffer_size = 1000;
     std::string before = ""; // sent first: what it leaves in the never-cleared receive area is read again
     std::string main_file = "index.html";
+    std::string rootdir = "./"; // always taken under the program's folder
 };
 
 const std::string HTML = "text/html; charset=UTF-8", TEXT = "text/plain; charset=UTF-8";
@@ -58,6 +57,8 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
     Site site;
     site.folder.write("www/index.html", "main");
     site.folder.write("www/x.html", "x");
+    site.folder.write("www/site/index.html", "site");
+    site.folder.write("index.html", "above");
     // The document root is the program's folder followed by "./", less the last "/".
     const int root_length = static_cast<int>((site.folder.path() / "www/.").string().size());
     const std::string fits(1022 - root_length, 'a'), too_long(1023 - root_length, 'a');
@@ -71,8 +72,6 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
         {"no line end", "GET /x.html HTTP/1.1 extra words", End::Answer, ok_answer(HTML, "x")},
         {"NUL after the version", std::string("GET /x.html HTTP/1.1\0\r\n", 23), End::Answer, ok_answer(HTML, "x")},
         {"NUL before the version", std::string("GET /x.html\0 HTTP/1.1\r\n", 23), End::Abort},
-        {"NUL first", std::string("\0GET /x.html HTTP/1.1\r\n", 23), End::Abort},
-        {"spaces around", "   GET   /x.html   HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "x")},
         {"a tab is no separator", "GET\t/x.html HTTP/1.1\r\n", End::Abort},
         {"two words", "GET /x.html\r\n\r\n", End::Abort},
         {"line ends only", "\r\n\r\n", End::Abort},
@@ -85,12 +84,11 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
         {"long query string", "GET /x.html?" + std::string(1000, 'q') + " HTTP/1.1\r\n", End::Abort},
         {"long query string, larger buffer", "GET /x.html?" + std::string(900, 'q') + " HTTP/1.1\r\n", End::Answer,
          NOT_FOUND, 4096},
+        {"buffer-size 0 answers nobody", "GET /x.html HTTP/1.1\r\n", End::Answer, "", 0},
+        {"buffer-size -1 answers nobody", "GET /x.html HTTP/1.1\r\n", End::Answer, "", -1},
         {"buffer-size 1", "GET /x.html HTTP/1.1\r\n", End::Abort, "", 1},
         {"escaped dot", "GET /x%2Ehtml HTTP/1.1\r\n", End::Answer, ok_answer(TEXT, "x")},
-        {"escaped letter", "GET /%78.html HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "x")},
         {"escaped NUL", "GET /x.html%00 HTTP/1.1\r\n", End::Answer, ok_answer(TEXT, "x")},
-        {"short escapes", "GET /x.html%2 HTTP/1.1\r\n", End::Answer, NOT_FOUND},
-        {"not an escape", "GET /%zz HTTP/1.1\r\n", End::Answer, NOT_FOUND},
         {"full path of 1023 bytes", "GET /" + fits + " HTTP/1.1\r\n", End::Answer, NOT_FOUND, 4096},
         {"full path of 1024 bytes", "GET /" + too_long + " HTTP/1.1\r\n", End::Abort, "", 4096},
         {"path of 1023 bytes, shorter decoded", "GET " + escaped_path + " HTTP/1.1\r\n", End::Answer, NOT_FOUND, 4096},
@@ -98,11 +96,14 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
         {"long main-file", "GET / HTTP/1.1\r\n", End::Answer, NOT_FOUND, 1000, "", std::string(980 - root_length, 'm')},
         {"main-file taken as it is, not decoded", "GET / HTTP/1.1\r\n", End::Answer, NOT_FOUND, 1000, "", "x%2Ehtml"},
         {"main-file past the path", "GET / HTTP/1.1\r\n", End::Abort, "", 1000, "", std::string(1030, 'm')},
+        {"rootdir from /", "GET / HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "site"), 1000, "", "index.html", "/site"},
+        {"rootdir with //", "GET / HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "site"), 1000, "", "index.html", "site//"},
+        {"rootdir above", "GET / HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "above"), 1000, "", "index.html", "../"},
         {"reset while queued", "GET /x.html HTTP/1.1\r\n", End::Pipe},
         {"reset while queued, not found", "GET /missing HTTP/1.1\r\n", End::Pipe},
     };
     for (const Case &c : cases) {
-        ASSERT_TRUE(site.start(c.buffer_size, c.main_file)) << c.what;
+        ASSERT_TRUE(site.start(c.buffer_size, c.main_file, c.rootdir)) << c.what;
         if (!c.before.empty())
             site.get(c.before);
         if (c.end == End::Pipe) {
@@ -116,43 +117,11 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
             expect_signal(*site.server, SIGABRT, c.what);
         } else {
             EXPECT_EQ(answer, c.answer) << c.what;
+            if (c.answer.empty()) { // and not because the process ended
+                EXPECT_EQ(site.get(c.request), "") << c.what;
+            }
             expect_no_sanitizer_report(*site.server);
         }
-    }
-}
-
-// Whether an answer is a whole one: a status line we send, a header, and as many bytes as it says.
-bool well_formed(const std::string &answer)
-{
-    const size_t header_end = answer.find("\r\n\r\n"), length_at = answer.find("Content-Length: ");
-    if (header_end == std::string::npos || length_at == std::string::npos)
-        return false;
-    const bool status_ok = answer.starts_with("HTTP/1.1 200 OK\r\n") || answer.starts_with("HTTP/1.1 404 Not Found\r\n");
-    return status_ok && std::stoul(answer.substr(length_at + 16)) == answer.size() - header_end - 4;
-}
-
-TEST(Campaign, RandomBytesAreAnsweredClosedOrEndTheProcess)
-{
-    Site site;
-    site.folder.write("www/index.html", "main");
-    site.folder.write("www/save/slot1.json", "{}");
-    std::mt19937 random(1010);
-    const std::string alphabet = std::string("GET /save/index.html%2e%00 HTTP/1.1\r\n\t+?") + '\0';
-    for (int buffer_size : {1000, 4096}) {
-        ASSERT_TRUE(site.start(buffer_size));
-        for (int i = 0; i < 150; i++) {
-            std::string request(random() % (buffer_size + 200), ' ');
-            for (char &c : request)
-                c = random() % 4 ? alphabet[random() % alphabet.size()] : static_cast<char>(random());
-            const std::string answer = round_trip(site.port, request);
-            if (!answer.empty()) {
-                EXPECT_TRUE(well_formed(answer)) << answer.substr(0, 200);
-            } else if (!round_trip(site.port, "GET / HTTP/1.1\r\n").starts_with("HTTP/1.1 200 OK")) {
-                expect_signal(*site.server, SIGABRT, "random request " + std::to_string(i));
-                ASSERT_TRUE(site.start(buffer_size));
-            }
-        }
-        expect_no_sanitizer_report(*site.server);
     }
 }
 

@@ -40,8 +40,6 @@ TEST(TextCodecsAndUtilities, PercentCodingFindTrimAndReplace)
     };
     for (auto [in, out] : cases)
         EXPECT_EQ(taken(url_decode(in)), out) << in;
-    EXPECT_EQ(taken(url_encode("a b/c+d.txt")), "a%20b%2Fc+d.txt");
-    EXPECT_EQ(taken(url_encode("\xe9\x01-_.~Zz09")), "%E9%01-_.~Zz09");
 
     EXPECT_EQ(find_text("hello world", "world"), 6);
     EXPECT_EQ(find_text("hello", "x"), -1);

@@ -8,6 +8,13 @@
 #include <iterator>
 #include <string>
 
+/// Every byte of a file ("" when it cannot be read).
+inline std::string file_text(const std::filesystem::path &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
 struct TempFolder {
     TempFolder() = default;
     TempFolder(const TempFolder &) = delete;
@@ -23,11 +30,7 @@ struct TempFolder {
         std::ofstream(folder / name, std::ios::binary) << bytes;
     }
 
-    std::string read(const std::string &name) const
-    {
-        std::ifstream in(folder / name, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    std::string read(const std::string &name) const { return file_text(folder / name); }
 
     const std::filesystem::path folder =
         mkdtemp((std::filesystem::temp_directory_path() / "varnok-test-XXXXXX").string().data());
