@@ -20,11 +20,10 @@ build-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DVARNOK_SANITIZE=ON >/dev/null
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-# The server finds its files next to the program, so the sample folder gets a link to it.
-# scripts/serve confines it to that folder and starts it again when a signal ends it.
+# scripts/serve (build/varnok-serve) confines the server to examples/, prints the links below its
+# start-up screen, and starts it again when a signal ends it.
 run: build
 	@scripts/install-deps serve
-	ln -sf "$(CURDIR)/$(BUILD)/varnok-http-server" examples/varnok-http-server
 	exec scripts/serve examples
 
 test-unit: build
@@ -59,7 +58,7 @@ bench-quick: build
 	@scripts/install-deps bench-quick
 	bench/run --quick
 
-# scripts/serve against the program run directly: climbs out of the folder, screens, hostile clients.
+# The launcher against the program run directly: climbs out of the folder, screens, hostile clients.
 test-serve: build
 	@scripts/install-deps serve
 	tests/serve/run $(BUILD)/varnok-http-server
