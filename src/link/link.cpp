@@ -30,7 +30,6 @@ constexpr size_t SETTINGS_READ_SIZE = 4096;   // the server reads the file once,
 constexpr const char *HALF_BLOCK = "\xe2\x96\x80";
 constexpr int BLACK = 16, WHITE = 231;
 
-
 LinkPort port_default(LinkPortSource source)
 {
     return {SETTINGS_DEFAULT_PORT, source, true};
@@ -128,6 +127,13 @@ void print_symbol_line(FILE *out, const LinkSymbol &symbol, int line)
         fputs(HALF_BLOCK, out);
     }
     fputs("\033[0m", out);
+}
+
+/// The line after the one `text` starts, or null after the last.
+const char *next_line(const char *text)
+{
+    const char *end = strchr(text, '\n');
+    return end != nullptr ? end + 1 : nullptr;
 }
 
 int divide_up(int value, int divisor)
@@ -247,7 +253,7 @@ int link_default_route_interface(const char *route_table, char *name)
 {
     int found = 0;
     unsigned best_metric = 0;
-    for (const char *line = route_table; line != nullptr; line = strchr(line, '\n'), line = line ? line + 1 : line) {
+    for (const char *line = route_table; line != nullptr; line = next_line(line)) {
         char interface[LINK_INTERFACE_NAME_SIZE];
         unsigned destination, gateway, flags, metric, mask;
         int references, use;
