@@ -1,13 +1,20 @@
 // Link: reads the port as the server will bind it and prints a URL and its QR symbol per LAN address.
 #include "link/link.h"
 
+#include <arpa/inet.h>
 #include <cjson/cJSON.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/route.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "pairing/pairing.h"
 #include "qr/qr.h"
@@ -41,9 +48,103 @@ LinkPort port_from_tree(const cJSON *root)
     return {port->valueint, LINK_PORT_FROM_FILE, cJSON_IsNumber(port) != 0};
 }
 
-bool module_is_dark(int x, int y, int size)
+/// A QR symbol copied out of the encoder's one record, so that several can be drawn line by line.
+struct LinkSymbol {
+    int size;                   // modules per side; 0 when the text did not fit
+    uint8_t modules[QR_MAX_MODULES][QR_MAX_MODULES];  // [x][y], as the encoder places them
+};
+static_assert(sizeof(LinkSymbol::modules) == sizeof(QrSymbol::modules));
+
+bool module_is_dark(const LinkSymbol &symbol, int x, int y)
 {
-    return x >= 0 && y >= 0 && x < size && y < size && qr_symbol.modules[x][y] == 1;
+    return x >= 0 && y >= 0 && x < symbol.size && y < symbol.size && symbol.modules[x][y] == 1;
+}
+
+/// The whole of a small text file ("" when it cannot be read).
+std::string file_text(const char *path)
+{
+    std::string text;
+    FILE *file = fopen(path, "re");
+    if (file == nullptr)
+        return text;
+    std::array<char, 4096> chunk;
+    for (size_t count; (count = fread(chunk.data(), 1, chunk.size(), file)) > 0;)
+        text.append(chunk.data(), count);
+    fclose(file);
+    return text;
+}
+
+/// 1 when the list from `head` has `address` on `interface` (or on one of its labels, "eth0:1").
+bool address_is_on(const char *address, const ifaddrs *head, const char *interface)
+{
+    const size_t name_length = strlen(interface);
+    for (const ifaddrs *entry = head; entry != nullptr; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET || entry->ifa_name == nullptr)
+            continue;
+        if (strncmp(entry->ifa_name, interface, name_length) != 0 ||
+            (entry->ifa_name[name_length] != '\0' && entry->ifa_name[name_length] != ':'))
+            continue;
+        char text[LAN_ADDRESS_TEXT_SIZE];
+        const auto *ipv4 = reinterpret_cast<const sockaddr_in *>(entry->ifa_addr);
+        if (inet_ntop(AF_INET, &ipv4->sin_addr, text, sizeof text) != nullptr && strcmp(text, address) == 0)
+            return true;
+    }
+    return false;
+}
+
+/// Encodes `text` into `symbol` (of size 0 when the text does not fit a symbol).
+void symbol_make(LinkSymbol *symbol, const char *text)
+{
+    symbol->size = qr_encode_quiet(text) ? qr_symbol.size : 0;
+    memcpy(symbol->modules, qr_symbol.modules, sizeof symbol->modules);
+}
+
+/// Lines a symbol takes with its quiet zone, two module rows per line, and its width in columns.
+int symbol_lines(const LinkSymbol &symbol)
+{
+    return symbol.size > 0 ? (symbol.size + 2 * LINK_QUIET_ZONE + 1) / 2 : 0;
+}
+
+int symbol_columns(const LinkSymbol &symbol)
+{
+    return symbol.size > 0 ? symbol.size + 2 * LINK_QUIET_ZONE : 0;
+}
+
+/// Draws line `line` of `symbol`, ending with an attribute reset and no line end.
+void print_symbol_line(FILE *out, const LinkSymbol &symbol, int line)
+{
+    const int first = -LINK_QUIET_ZONE, end = symbol.size + LINK_QUIET_ZONE;
+    // Rows y and y + 1 share a line; the grid is indexed [x][y], so the picture is not mirrored.
+    const int y = first + 2 * line;
+    int shown_top = -1, shown_bottom = -1;
+    for (int x = first; x < end; ++x) {
+        const int top = module_is_dark(symbol, x, y) ? BLACK : WHITE;
+        const int bottom = module_is_dark(symbol, x, y + 1) ? BLACK : WHITE;
+        if (top != shown_top || bottom != shown_bottom)
+            fprintf(out, "\033[38;5;%d;48;5;%dm", top, bottom);
+        shown_top = top;
+        shown_bottom = bottom;
+        fputs(HALF_BLOCK, out);
+    }
+    fputs("\033[0m", out);
+}
+
+/// The line after the one `text` starts, or null after the last.
+const char *next_line(const char *text)
+{
+    const char *end = strchr(text, '\n');
+    return end != nullptr ? end + 1 : nullptr;
+}
+
+int divide_up(int value, int divisor)
+{
+    return (value + divisor - 1) / divisor;
+}
+
+/// Lines that `rows` rows of codes take: a URL line and the symbol each, a blank line between rows.
+int code_rows_lines(int rows)
+{
+    return rows * (1 + LINK_CODE_LINES) + (rows - 1);
 }
 
 void print_settings_note(FILE *out, const LinkPort &port)
@@ -117,49 +218,128 @@ void link_format_url(char *url, const char *address, uint16_t port)
     snprintf(url, LINK_URL_SIZE, "http://%s:%u/", address, static_cast<unsigned>(port));
 }
 
-int link_print_symbol(FILE *out, const char *text)
+void link_print_row(FILE *out, const char *const *urls, int count)
 {
-    if (!qr_encode_quiet(text))
-        return 0;
-    const int size = qr_symbol.size;
-    const int first = -LINK_QUIET_ZONE, end = size + LINK_QUIET_ZONE;
-    // Rows y and y + 1 share a line; the grid is indexed [x][y], so the picture is not mirrored.
-    for (int y = first; y < end; y += 2) {
-        int shown_top = -1, shown_bottom = -1;
-        for (int x = first; x < end; ++x) {
-            const int top = module_is_dark(x, y, size) ? BLACK : WHITE;
-            const int bottom = module_is_dark(x, y + 1, size) ? BLACK : WHITE;
-            if (top != shown_top || bottom != shown_bottom)
-                fprintf(out, "\033[38;5;%d;48;5;%dm", top, bottom);
-            shown_top = top;
-            shown_bottom = bottom;
-            fputs(HALF_BLOCK, out);
-        }
-        fputs("\033[0m\n", out);
+    constexpr int SLOT = LINK_CODE_COLUMNS + LINK_CODE_GAP;
+    std::vector<LinkSymbol> symbols(count);
+    int lines = 0;
+    for (int i = 0; i < count; ++i) {
+        symbol_make(&symbols[i], urls[i]);
+        lines = std::max(lines, symbol_lines(symbols[i]));
     }
-    return 1;
+    // Spaces go out only before the next text, so that no line ends in blanks.
+    int pending = 0;
+    for (int i = 0; i < count; ++i) {
+        fprintf(out, "%*s%s", pending, "", urls[i]);
+        pending = std::max(LINK_CODE_GAP, SLOT - static_cast<int>(strlen(urls[i])));
+    }
+    fputc('\n', out);
+    for (int line = 0; line < lines; ++line) {
+        pending = 0;
+        for (int i = 0; i < count; ++i) {
+            if (line >= symbol_lines(symbols[i])) {
+                pending += SLOT;
+                continue;
+            }
+            fprintf(out, "%*s", pending, "");
+            print_symbol_line(out, symbols[i], line);
+            pending = std::max(LINK_CODE_GAP, SLOT - symbol_columns(symbols[i]));
+        }
+        fputc('\n', out);
+    }
 }
 
-void link_print_all(FILE *out, const LinkPort &port, char *const *slots, int32_t slot_count)
+int link_default_route_interface(const char *route_table, char *name)
 {
-    print_settings_note(out, port);
+    int found = 0;
+    unsigned best_metric = 0;
+    for (const char *line = route_table; line != nullptr; line = next_line(line)) {
+        char interface[LINK_INTERFACE_NAME_SIZE];
+        unsigned destination, gateway, flags, metric, mask;
+        int references, use;
+        if (sscanf(line, "%15s %x %x %x %d %d %u %x", interface, &destination, &gateway, &flags, &references, &use,
+                   &metric, &mask) != 8)
+            continue;   // the heading line
+        if (destination != 0 || mask != 0 || (flags & RTF_UP) == 0 || (found && metric >= best_metric))
+            continue;
+        snprintf(name, LINK_INTERFACE_NAME_SIZE, "%s", interface);
+        best_metric = metric;
+        found = 1;
+    }
+    return found;
+}
+
+void link_put_interface_first(const char **offered, int count, const ifaddrs *head, const char *interface)
+{
+    std::stable_partition(offered, offered + count,
+                          [&](const char *address) { return address_is_on(address, head, interface); });
+}
+
+int link_ordered_addresses(char *const *slots, int32_t slot_count, const char **out)
+{
+    const int count = link_offered_addresses(slots, slot_count, out);
+    char interface[LINK_INTERFACE_NAME_SIZE];
+    ifaddrs *head = nullptr;
+    if (count > 1 && link_default_route_interface(file_text("/proc/net/route").c_str(), interface) &&
+        getifaddrs(&head) == 0) {
+        link_put_interface_first(out, count, head, interface);
+        freeifaddrs(head);
+    }
+    return count;
+}
+
+LinkLayout link_layout(int count, LinkScreen screen, LinkMode mode)
+{
+    if (screen.columns <= 0 || screen.rows <= 0)
+        return {1, count, count};
+    const int per_row = std::max(1, (screen.columns + LINK_CODE_GAP) / (LINK_CODE_COLUMNS + LINK_CODE_GAP));
+    const int rows = divide_up(count, per_row);
+    if (mode == LINK_MODE_ALL)
+        return {per_row, rows, count};
+    // Everything printed stays in view, above the line the cursor is left on: the heading, the rows of
+    // codes and, when some do not fit, the line that says so (each text line wraps on a narrow terminal).
+    const int text_lines = divide_up(LINK_TEXT_COLUMNS, std::min(screen.columns, LINK_TEXT_COLUMNS));
+    const int lines = screen.rows - 1 - text_lines;
+    if (code_rows_lines(rows) <= lines)
+        return {per_row, rows, count};
+    int fitting = 1;
+    while (code_rows_lines(fitting + 1) + text_lines <= lines)
+        ++fitting;
+    return {per_row, fitting, std::min(count, fitting * per_row)};
+}
+
+void link_print(FILE *out, LinkMode mode, const LinkPort &port, const char *const *offered, int count,
+                LinkScreen screen)
+{
+    if (mode == LINK_MODE_ALL)
+        print_settings_note(out, port);
     const uint16_t bound = link_bound_port(port.setting);
     if (bound == 0) {
         fprintf(out, "The port setting %d leaves the choice of port to the system, so no link can be known "
                      "before the server starts.\n", port.setting);
         return;
     }
-    std::array<const char *, LAN_ADDRESS_SLOT_COUNT> offered{};
-    const int count = link_offered_addresses(slots, slot_count, offered.data());
     if (count == 0) {
         fprintf(out, "No LAN address on this computer: connect it to a network, and the phone must join "
                      "the same network.\n");
         return;
     }
-    for (int i = 0; i < count; ++i) {
-        char url[LINK_URL_SIZE];
-        link_format_url(url, offered[i], bound);
-        fprintf(out, "%s%s\n", i > 0 ? "\n" : "", url);
-        link_print_symbol(out, url);
+    if (mode == LINK_MODE_SERVING)
+        fprintf(out, "%s\n", LINK_SERVING_HEADING);
+    const LinkLayout layout = link_layout(count, screen, mode);
+    std::vector<std::array<char, LINK_URL_SIZE>> urls(layout.shown);
+    std::vector<const char *> texts;
+    for (auto &url : urls) {
+        link_format_url(url.data(), offered[texts.size()], bound);
+        texts.push_back(url.data());
     }
+    for (int first = 0; first < layout.shown; first += layout.per_row) {
+        if (first > 0)
+            fputc('\n', out);
+        link_print_row(out, texts.data() + first, std::min(layout.per_row, layout.shown - first));
+    }
+    const int more = count - layout.shown;
+    if (more > 0)
+        fprintf(out, "%d more link%s not fit here; varnok-link in the served folder shows all %d.\n", more,
+                more == 1 ? " does" : "s do", count);
 }

@@ -223,8 +223,7 @@ test('the QR drawing on the start-up screen scans to the printed pairing code', 
     assert.match(code ?? screen(), new RegExp(`^5641524e4f4b51523031${port.toString(16).padStart(4, '0')}([0-9a-f]{8})*$`));
     assert.equal(run('import', '-window', 'varnok-startup', file('shot.png')).status, 0, 'no picture of the terminal');
     run('convert', file('shot.png'), '-trim', '+repage', '-bordercolor', 'white', '-border', '12',
-      '-write', file('framed.png'), '-transpose', file('back.png'));
-    keepPicture(fs.readFileSync(file('framed.png')), 'startup-terminal.png');
+      '-transpose', file('back.png'));
     assert.equal(scan(file('back.png')), code, 'the picture reflected back must scan to the "QR: " text');
     assert.ok([null, code].includes(scan(file('shot.png'))), 'the picture as drawn scanned to another text');
   } finally {

@@ -1,15 +1,22 @@
-// varnok-link in process: the port read as the server reads it, with the file left alone, and the symbol
-// read back from the half blocks. tests/link/run covers the address sets, the ports and the decoders.
+// varnok-link in process: the port read as the server reads it, with the file left alone; the default
+// route's interface and the order it gives; the codes laid out for a terminal and read back from the
+// half blocks; the command line. tests/link/run covers real interfaces, the decoders and xterm.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <sys/wait.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "link/link.h"
 #include "qr/qr.h"
+#include "server/product.h"
 #include "support/temp_folder.h"
 
 namespace {
@@ -17,18 +24,26 @@ namespace {
 constexpr const char *NO_FILE = "(no file)", *FOLDER = "(a folder)";
 
 TEST(LinkPort, ReadsThePortAsTheServerDoesAndNeverWrites) {
-    const struct { std::string json; int32_t setting; LinkPortSource source; bool number = true; } cases[] = {
-        {NO_FILE, 1010, LINK_PORT_NO_FILE}, {FOLDER, 1010, LINK_PORT_UNREADABLE},
-        {"", 1010, LINK_PORT_EMPTY}, {std::string("\0{}", 3), 1010, LINK_PORT_EMPTY},
-        {"{\"varnok\": {\"port\": 80", 1010, LINK_PORT_NOT_JSON},
-        {"{}", 1010, LINK_PORT_NO_SETTINGS}, {"{\"varnok\": 8080}", 1010, LINK_PORT_NO_SETTINGS},
-        {"{\"varnok\": {\"main-file\": \"a.html\"}}", 1010, LINK_PORT_NO_PORT},
-        {"{\"VARNOK\": {\"Port\": 80}} trailing words", 80, LINK_PORT_FROM_FILE},
-        {"{\"varnok\": {\"port\": 1, \"port\": 2}}", 1, LINK_PORT_FROM_FILE},
-        {"{\"other\": {\"port\": 9}, \"varnok\": {\"port\": 8080.9}}", 8080, LINK_PORT_FROM_FILE},
-        {"{\"varnok\": {\"port\": 1e12}}", 2147483647, LINK_PORT_FROM_FILE},
-        {"{\"varnok\": {\"port\": \"8080\"}}", 0, LINK_PORT_FROM_FILE, false},
-        {"{\"varnok\": {\"port\": true}}", 1, LINK_PORT_FROM_FILE, false},
+    // The bound port is what --port prints for the launcher: the low 16 bits of the setting.
+    const struct { std::string json; int32_t setting; LinkPortSource source; uint16_t bound; bool number = true; } cases[] = {
+        {NO_FILE, 1010, LINK_PORT_NO_FILE, 1010}, {FOLDER, 1010, LINK_PORT_UNREADABLE, 1010},
+        {"", 1010, LINK_PORT_EMPTY, 1010}, {std::string("\0{}", 3), 1010, LINK_PORT_EMPTY, 1010},
+        {"{\"varnok\": {\"port\": 80", 1010, LINK_PORT_NOT_JSON, 1010},
+        {"{}", 1010, LINK_PORT_NO_SETTINGS, 1010}, {"{\"varnok\": 8080}", 1010, LINK_PORT_NO_SETTINGS, 1010},
+        {"{\"game\": {\"varnok\": {\"port\": 7000}}}", 1010, LINK_PORT_NO_SETTINGS, 1010},
+        {"{\"varnok\": {\"main-file\": \"a.html\"}}", 1010, LINK_PORT_NO_PORT, 1010},
+        {"{\"VARNOK\": {\"Port\": 80}} trailing words", 80, LINK_PORT_FROM_FILE, 80},
+        {"{\"varnok\": {\"port\": 1, \"port\": 2}}", 1, LINK_PORT_FROM_FILE, 1},
+        {"{\"other\": {\"port\": 9}, \"varnok\": {\"port\": 8080.9}}", 8080, LINK_PORT_FROM_FILE, 8080},
+        {"{\"varnok\": {\"rootdir\": \"a}b\", \"port\": 9000}}", 9000, LINK_PORT_FROM_FILE, 9000},
+        {"{\"varnok\": {\"port\": 8.08e3}}", 8080, LINK_PORT_FROM_FILE, 8080},
+        {"{\"varnok\": {\"port\": 9000}, \"game\": {\"varnok\": {\"port\": 7000}}}", 9000, LINK_PORT_FROM_FILE, 9000},
+        {"{\"varnok\": {\"port\": 70000}}", 70000, LINK_PORT_FROM_FILE, 4464},
+        {"{\"varnok\": {\"port\": -1}}", -1, LINK_PORT_FROM_FILE, 65535},
+        {"{\"varnok\": {\"port\": 4294975376}}", 2147483647, LINK_PORT_FROM_FILE, 65535},  // 2^32 + 8080
+        {"{\"varnok\": {\"port\": -1e12}}", -2147483647 - 1, LINK_PORT_FROM_FILE, 0},
+        {"{\"varnok\": {\"port\": \"8080\"}}", 0, LINK_PORT_FROM_FILE, 0, false},
+        {"{\"varnok\": {\"port\": true}}", 1, LINK_PORT_FROM_FILE, 1, false},
     };
     for (const auto &c : cases) {
         TempFolder folder;
@@ -39,49 +54,243 @@ TEST(LinkPort, ReadsThePortAsTheServerDoesAndNeverWrites) {
         EXPECT_EQ(port.setting, c.setting) << c.json;
         EXPECT_EQ(port.source, c.source) << c.json;
         EXPECT_EQ(port.is_number, c.number) << c.json;
+        EXPECT_EQ(link_bound_port(port.setting), c.bound) << c.json;
         EXPECT_TRUE(c.json == NO_FILE || c.json == FOLDER || folder.read("package.json") == c.json) << c.json;
     }
 }
 
-/// The modules of a printed symbol, '#' dark and '.' light, read from the half blocks and their colours.
-std::vector<std::string> read_picture(const std::string &printed) {
-    std::vector<std::string> rows;
+TEST(LinkOrder, DefaultRouteIsTheUpRouteToEverywhereWithTheLowestMetric) {
+    const std::string heading = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+    const auto route = [](const char *name, int metric, const char *flags = "0003", const char *to = "00000000\t0101A8C0",
+                          const char *mask = "00000000") {
+        return std::string(name) + "\t" + to + "\t" + flags + "\t0\t0\t" + std::to_string(metric) + "\t" + mask + "\t0\t0\t0      \n";
+    };
+    const std::string lan = route("eth0", 100, "0001", "0001A8C0\t00000000", "00FFFFFF");
+    const struct { const char *what; std::string table; const char *name; } cases[] = {
+        {"no text", "", ""}, {"no default route", heading + lan, ""}, {"one", heading + lan + route("eth0", 100), "eth0"},
+        {"lowest metric, listed last", heading + route("wlan0", 600) + route("eth0", 100), "eth0"},
+        {"equal metrics: the first", heading + route("wlan0", 0) + route("eth0", 0), "wlan0"},
+        {"a route that is down", heading + route("eth0", 0, "0002") + route("wlan0", 600), "wlan0"},
+        {"a VPN's half of everywhere", heading + route("tun0", 0, "0001", "00000000\t00000000", "00000080") + route("wlan0", 600), "wlan0"},
+        {"the longest name", heading + route("interface-name0", 0), "interface-name0"},
+    };
+    for (const auto &c : cases) {
+        char name[LINK_INTERFACE_NAME_SIZE] = "";
+        EXPECT_EQ(link_default_route_interface(c.table.c_str(), name), *c.name != '\0') << c.what;
+        EXPECT_STREQ(name, c.name) << c.what;
+    }
+}
+
+TEST(LinkOrder, TheRouteInterfacesAddressesComeFirstTheOthersKeepTheirOrder) {
+    // The interface list: name and IPv4 address; "-" leaves an entry without one, "6:" marks an IPv6 entry
+    // (whose bytes would read as that address).
+    const std::vector<std::pair<const char *, std::string>> list = {
+        {"lo", "127.0.0.1"}, {"eth0", "10.0.0.5"}, {"wlan0", "192.168.1.20"}, {"wlan0", "6:10.9.9.9"},
+        {"eth0:1", "10.0.0.6"}, {"wlan0", "-"}, {"wlan0", "172.16.0.1"}, {"eth01", "10.9.9.9"}};
+    std::vector<sockaddr_in> addresses(list.size());
+    std::vector<ifaddrs> entries(list.size());
+    for (size_t i = 0; i < list.size(); ++i) {
+        const bool six = list[i].second.rfind("6:", 0) == 0;
+        addresses[i].sin_family = six ? AF_INET6 : AF_INET;
+        inet_pton(AF_INET, list[i].second.c_str() + (six ? 2 : 0), &addresses[i].sin_addr);
+        entries[i].ifa_name = const_cast<char *>(list[i].first);
+        entries[i].ifa_addr = list[i].second == "-" ? nullptr : reinterpret_cast<sockaddr *>(&addresses[i]);
+        entries[i].ifa_next = i + 1 < list.size() ? &entries[i + 1] : nullptr;
+    }
+    const struct { const char *name; std::vector<std::string> order; } cases[] = {
+        {"wlan0", {"192.168.1.20", "172.16.0.1", "10.0.0.5", "10.0.0.6", "10.9.9.9"}},
+        {"eth0", {"10.0.0.5", "10.0.0.6", "192.168.1.20", "172.16.0.1", "10.9.9.9"}},  // its label, not eth01
+        {"eth01", {"10.9.9.9", "10.0.0.5", "192.168.1.20", "10.0.0.6", "172.16.0.1"}},
+        {"tun0", {"10.0.0.5", "192.168.1.20", "10.0.0.6", "172.16.0.1", "10.9.9.9"}},
+    };
+    for (const auto &c : cases) {
+        std::vector<const char *> offered = {"10.0.0.5", "192.168.1.20", "10.0.0.6", "172.16.0.1", "10.9.9.9"};
+        link_put_interface_first(offered.data(), static_cast<int>(offered.size()), entries.data(), c.name);
+        EXPECT_EQ(std::vector<std::string>(offered.begin(), offered.end()), c.order) << c.name;
+    }
+}
+
+/// What `print` writes.
+std::string printed_by(const std::function<void(FILE *)> &print) {
+    char *text = nullptr;
+    size_t length = 0;
+    FILE *out = open_memstream(&text, &length);
+    print(out);
+    fclose(out);
+    std::string copy(text, length);
+    free(text);
+    return copy;
+}
+
+/// A printed code: its URL, the column that starts in, and the modules ('#' dark, '.' light) read from
+/// the half blocks and their colours in that column on the lines below.
+struct Code { std::string url; size_t column; std::vector<std::string> rows; };
+/// Printed output read back: its codes, its other non-blank lines, and its lines as wide as they show.
+struct Printed { std::vector<Code> codes; std::vector<std::string> text; std::vector<size_t> widths; };
+
+Printed read_printed(const std::string &printed) {
+    Printed read;
+    size_t row = 0;  // the first code under the last line of URLs
     std::istringstream lines(printed);
     for (std::string line; std::getline(lines, line);) {
+        EXPECT_TRUE(line.empty() || line.back() != ' ') << "blanks at the end of: " << line;
+        read.widths.push_back(line.size());
+        if (line.rfind("http://", 0) == 0) {
+            row = read.codes.size();
+            for (size_t at = 0; (at = line.find("http://", at)) != std::string::npos;)
+                read.codes.push_back({line.substr(at, line.find(' ', at) - at), at, {}}), at = line.find(' ', at);
+            continue;
+        }
+        if (line.find('\033') == std::string::npos) {
+            if (!line.empty()) read.text.push_back(line);
+            row = read.codes.size();
+            continue;
+        }
         std::string top, bottom;
+        size_t column = 0, start = 0;
         int fg = -1, bg = -1, used = 0;
         for (const char *p = line.c_str(); *p; p += used) {
             if (sscanf(p, "\033[38;5;%d;48;5;%dm%n", &fg, &bg, &used) == 2) continue;
-            if (strncmp(p, "\xe2\x96\x80", used = 3) == 0) top += fg == 16 ? '#' : '.', bottom += bg == 16 ? '#' : '.';
-            else if (strncmp(p, "\033[0m", used = 4) == 0) fg = bg = -1;
-            else ADD_FAILURE() << "unexpected byte " << int(*p), used = 1;
+            if (strncmp(p, "\xe2\x96\x80", used = 3) == 0) {
+                start = top.empty() ? column : start, ++column;
+                top += fg == 16 ? '#' : '.', bottom += bg == 16 ? '#' : '.';
+            } else if (strncmp(p, "\033[0m", used = 4) == 0) {
+                auto code = std::find_if(read.codes.begin() + row, read.codes.end(), [&](auto &c) { return c.column == start; });
+                if (code == read.codes.end()) ADD_FAILURE() << "modules in column " << start << " under no URL";
+                else code->rows.push_back(top), code->rows.push_back(bottom);
+                top.clear(), bottom.clear(), fg = bg = -1;
+            } else if (*p == ' ' && fg == -1) {
+                used = 1, ++column;  // the gap: plain spaces after a reset
+            } else {
+                ADD_FAILURE() << "unexpected byte " << int(*p) << " in column " << column, used = 1;
+            }
         }
-        rows.push_back(top), rows.push_back(bottom);
+        EXPECT_TRUE(top.empty()) << "no reset at the end of " << line;
+        read.widths.back() = column;
     }
+    return read;
+}
+
+/// The modules of the symbol for `url` with four light modules around it; the last half line is light.
+std::vector<std::string> symbol_of(const std::string &url) {
+    EXPECT_EQ(qr_encode_quiet(url.c_str()), 1);
+    const int quiet = 4, size = qr_symbol.size, side = size + 2 * quiet;
+    std::vector<std::string> rows(side + side % 2, std::string(side, '.'));
+    for (int y = 0; y < size; ++y)
+        for (int x = 0; x < size; ++x)  // [x][y]: not mirrored
+            rows[y + quiet][x + quiet] = qr_symbol.modules[x][y] ? '#' : '.';
     return rows;
 }
 
-TEST(LinkPrint, SymbolsAreUnmirroredInsideFourLightModulesAndFitASmallTerminal) {
-    for (const char *url : {"http://1.0.0.0:1/", "http://192.168.1.20:8080/", "http://223.255.255.255:65535/"}) {
-        char *text = nullptr;
-        size_t length = 0;
-        FILE *out = open_memstream(&text, &length);
-        link_print_symbol(out, url);
-        fclose(out);
-        const std::vector<std::string> rows = read_picture(text);
-        free(text);
-        ASSERT_EQ(qr_encode_quiet(url), 1);
-        const int quiet = 4, size = qr_symbol.size, side = size + 2 * quiet;
-        ASSERT_EQ(rows.size(), static_cast<size_t>(side + 1)) << url;  // an odd side: the last half line is light
-        EXPECT_LE(side, 80);
-        EXPECT_LE((side + 1) / 2 + 1, 24);  // with its URL line
-        for (int y = 0; y <= side; ++y)
-            for (int x = 0; x < side; ++x) {
-                const int mx = x - quiet, my = y - quiet;
-                const bool dark = mx >= 0 && my >= 0 && mx < size && my < size && qr_symbol.modules[mx][my];
-                ASSERT_EQ(rows[y].at(x), dark ? '#' : '.') << url << " module " << mx << "," << my;
-            }
+TEST(LinkPrint, CodesSideBySideReadBackAsTheirSymbolsInTheirColumns) {
+    // Versions 1 and 2 (the largest a link takes) next to each other.
+    const char *urls[] = {"http://1.0.0.0:1/", "http://223.255.255.255:65535/", "http://192.168.1.20:8080/"};
+    for (int count = 1; count <= 3; ++count) {
+        const Printed read = read_printed(printed_by([&](FILE *out) { link_print_row(out, urls, count); }));
+        ASSERT_EQ(read.codes.size(), static_cast<size_t>(count));
+        size_t lines = 0;
+        for (int i = 0; i < count; ++i) {
+            const std::vector<std::string> symbol = symbol_of(urls[i]);
+            EXPECT_EQ(read.codes[i].url, urls[i]);
+            EXPECT_EQ(read.codes[i].column, i * 37u);
+            EXPECT_EQ(read.codes[i].rows, symbol) << urls[i];
+            EXPECT_LE(symbol.at(0).size(), 33u);
+            lines = std::max(lines, symbol.size() / 2);
+        }
+        EXPECT_EQ(read.widths.size(), 1 + lines);
+        EXPECT_TRUE(read.text.empty());
     }
+}
+
+const std::string HEADING = LINK_SERVING_HEADING;
+constexpr LinkMode ALL = LINK_MODE_ALL, SERVING = LINK_MODE_SERVING;
+
+TEST(LinkPrint, ServingKeepsTheHeadingAndTheCodesThatFitInViewAndTheRestOnOneLine) {
+    const struct { LinkMode mode; int count, columns, rows, per_row, shown; } cases[] = {
+        {SERVING, 3, 0, 0, 1, 3}, {ALL, 3, 0, 0, 1, 3},  // a file or a pipe: all, one below the other
+        {SERVING, 1, 80, 24, 2, 1}, {SERVING, 2, 80, 24, 2, 2}, {SERVING, 3, 80, 24, 2, 2},
+        {SERVING, 3, 80, 40, 2, 3}, {SERVING, 5, 80, 40, 2, 4}, {SERVING, 5, 80, 39, 2, 2},
+        {SERVING, 4, 80, 39, 2, 4}, {SERVING, 4, 80, 38, 2, 2},
+        {SERVING, 3, 120, 24, 3, 3}, {SERVING, 4, 120, 24, 3, 3}, {SERVING, 2, 70, 24, 2, 2}, {SERVING, 2, 69, 24, 1, 1},
+        {SERVING, 2, 40, 39, 1, 1},             // the heading and the last line take two lines each
+        {SERVING, 3, 80, 5, 2, 2},              // too low for any: one row all the same
+        {ALL, 5, 80, 24, 2, 5}, {ALL, 30, 120, 24, 3, 30},
+    };
+    const LinkPort port{1010, LINK_PORT_NO_FILE, true};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::to_string(c.count) + " on " + std::to_string(c.columns) + "x" + std::to_string(c.rows));
+        std::vector<std::string> addresses;
+        for (int i = 0; i < c.count; ++i) addresses.push_back("10.0.0." + std::to_string(i + 1));
+        std::vector<const char *> offered;
+        for (const std::string &a : addresses) offered.push_back(a.c_str());
+        const Printed read = read_printed(printed_by([&](FILE *out) {
+            link_print(out, c.mode, port, offered.data(), c.count, {c.columns, c.rows});
+        }));
+        ASSERT_EQ(read.codes.size(), static_cast<size_t>(c.shown));
+        for (int i = 0; i < c.shown; ++i) {
+            EXPECT_EQ(read.codes[i].url, "http://" + addresses[i] + ":1010/");
+            EXPECT_EQ(read.codes[i].column, i % c.per_row * 37u);
+            EXPECT_EQ(read.codes[i].rows, symbol_of(read.codes[i].url));
+        }
+        std::vector<std::string> text = {c.mode == ALL ? "package.json: not found; the server creates it with the default port 1010." : HEADING};
+        const int more = c.count - c.shown;
+        if (more > 0)
+            text.push_back(std::to_string(more) + (more == 1 ? " more link does" : " more links do") +
+                           " not fit here; varnok-link in the served folder shows all " + std::to_string(c.count) + ".");
+        EXPECT_EQ(read.text, text);
+        EXPECT_EQ(read.widths.at(0), text[0].size());  // the first line
+        size_t lines = 0;
+        for (size_t width : read.widths) lines += c.columns && width > 0 ? (width + c.columns - 1) / c.columns : 1;
+        if (c.mode == SERVING && c.columns > 0 && c.rows >= 20) {
+            EXPECT_LT(lines, static_cast<size_t>(c.rows));
+        }
+    }
+    for (const std::string &line : {HEADING, std::string("29 more links do not fit here; varnok-link in the served folder shows all 30.")})
+        EXPECT_LE(line.size(), 79u);
+    // Instead of codes, one line: for no address (the command line's test has the port the system chooses).
+    for (LinkMode mode : {ALL, SERVING})
+        EXPECT_EQ(printed_by([&](FILE *out) { link_print(out, mode, {8080, LINK_PORT_FROM_FILE, true}, nullptr, 0, {80, 24}); }),
+                  "No LAN address on this computer: connect it to a network, and the phone must join the same network.\n");
+}
+
+struct Ran { int status; std::string out, err; };
+
+/// varnok-link run with `arguments` in `folder`.
+Ran run_link(const TempFolder &folder, const std::string &arguments) {
+    const std::string command = "cd '" + folder.path().string() + "' && " VARNOK_LINK_BINARY " " + arguments + " 2>'" + folder / "err'";
+    FILE *pipe = popen(command.c_str(), "r");
+    std::string out;
+    for (int byte; (byte = fgetc(pipe)) != EOF;) out += static_cast<char>(byte);
+    const int status = pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out, folder.read("err")};
+}
+
+TEST(LinkCommand, OptionsFoldersAndMistakes) {
+    TempFolder folder;
+    folder.write("package.json", "{\"varnok\": {\"rootdir\": \"}\", \"port\": 9000}}");
+    folder.write("text/package.json", "{\"varnok\": {\"port\": \"80\"}}");
+    folder.write("low/package.json", "{\"varnok\": {\"port\": -1}}");
+    std::filesystem::create_directory(folder / "none");
+    const std::string system = "The port setting 0 leaves the choice of port to the system, so no link can be known before the server starts.\n";
+    const struct { std::string arguments; int status; std::string out; } cases[] = {
+        {"--version", 0, std::string("varnok-link ") + PRODUCT_SERVER_VERSION + "\n"},
+        {"--port", 0, "9000\n"}, {"--port none", 0, "1010\n"}, {"--port text", 0, "0\n"}, {"--port low", 0, "65535\n"},
+        {"--serving text", 0, system},
+        {"text", 0, "package.json: the port setting is not a number, so the server takes it as 0.\n" + system},
+        {"--port missing", 2, ""}, {"low text", 2, ""}, {"--port --serving", 2, ""}, {"--ports", 2, ""}, {"-p", 2, ""},
+    };
+    for (const auto &c : cases) {
+        const Ran run = run_link(folder, c.arguments);
+        EXPECT_EQ(run.status, c.status) << c.arguments;
+        EXPECT_EQ(run.out, c.out) << c.arguments;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), c.status == 0 ? 0 : 1) << c.arguments << ": " << run.err;
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder / "none/package.json"));
+    const Ran help = run_link(folder, "--help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("Usage: varnok-link [--serving | --port] [FOLDER]\n", 0), 0u);
+    for (const char *option : {"--serving", "--port", "--help", "--version"})
+        EXPECT_NE(help.out.find(option), std::string::npos) << option;
 }
 
 } // namespace
