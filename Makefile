@@ -1,11 +1,12 @@
 # make run   builds and serves examples/ (installs what is missing first)
 # make test  builds and runs every test, also under AddressSanitizer and UBSan
+# make package builds the Debian package into build-deb/ and checks it with lintian
 
 BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       := $(shell nproc)
 
-.PHONY: all deps build build-asan run test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link bench-quick clean
+.PHONY: all deps build build-asan run package test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link bench-quick clean
 
 all: build
 
@@ -63,7 +64,11 @@ test-serve: build
 	@scripts/install-deps serve
 	tests/serve/run $(BUILD)/varnok-http-server
 
+# The Debian package from the committed tree (HEAD): build dependencies, tests and lintian; build-deb/*.deb.
+package:
+	scripts/build-package
+
 test: test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz examples/varnok-http-server
+	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz build-deb examples/varnok-http-server

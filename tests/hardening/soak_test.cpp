@@ -2,6 +2,7 @@
 // only by the blocks it keeps on purpose. Not part of ctest: `make test-hardening` runs it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
