@@ -6,7 +6,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       := $(shell nproc)
 
-.PHONY: all deps build build-asan run package test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link bench-quick clean
+.PHONY: all deps build build-asan run package test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link test-as-user bench-quick clean
 
 all: build
 
@@ -63,6 +63,12 @@ bench-quick: build
 test-serve: build
 	@scripts/install-deps serve
 	tests/serve/run $(BUILD)/varnok-http-server
+
+# The launcher's two tests again as an ordinary user with no sudo (an account made for it when root
+# runs this), as most people run varnok-serve.
+test-as-user: build
+	@scripts/install-deps serve link
+	tests/as-user $(BUILD)
 
 # The Debian package from the committed tree (HEAD): build dependencies, tests and lintian; build-deb/*.deb.
 package:
