@@ -354,18 +354,20 @@ LinkLayout link_layout(int count, LinkScreen screen, LinkMode mode)
 LinkSecureLayout link_secure_layout(int count, int ca_lines, LinkScreen screen)
 {
     if (screen.columns <= 0 || screen.rows <= 0)
-        return {1, count, true};
+        return {1, count, true, false};
     const int per_row = std::max(1, (screen.columns + LINK_CODE_GAP) / (LINK_CODE_COLUMNS + LINK_CODE_GAP));
     // The CA's code closes the last row; when it is taller than a link's, that row is too.
     const auto lines = [&](int shown) {
         return code_rows_lines(divide_up(shown + 1, per_row)) + std::max(0, ca_lines - LINK_CODE_LINES) +
-               SECURE_TEXT_LINES + (shown < count ? 1 : 0);
+               SECURE_TEXT_LINES;
     };
+    // Codes first, then the line on the links left out, then the heading, as far as the rows allow.
     const int room = screen.rows - 1;
     int shown = std::min(count, 1);
-    while (shown < count && lines(shown + 1) <= room)
+    while (shown < count && lines(shown + 1) + (shown + 1 < count) <= room)
         ++shown;
-    return {per_row, shown, lines(shown) + 1 <= room};
+    const bool more = shown < count && lines(shown) + 1 <= room;
+    return {per_row, shown, lines(shown) + more + 1 <= room, more};
 }
 
 void link_print_secure(FILE *out, const LinkSecure &secure, const char *const *offered, int count, LinkScreen screen)
@@ -392,7 +394,7 @@ void link_print_secure(FILE *out, const LinkSecure &secure, const char *const *o
     }
     fprintf(out, "CA SHA-256: %s\n%s\n%s\n", secure.fingerprint, LINK_SECURE_IOS, LINK_SECURE_ANDROID);
     const int more = count - layout.shown;
-    if (more > 0)
+    if (layout.more)
         fprintf(out, "%d more link%s not fit here; varnok-link in the served folder shows all %d.\n", more,
                 more == 1 ? " does" : "s do", count);
 }

@@ -63,11 +63,13 @@ struct LinkSecure {
 };
 
 /// Where the https links and the CA's code go: the first `shown` links, then the CA's code, `per_row` codes
-/// side by side; `heading` when the heading line still fits above them.
+/// side by side; `heading` when the heading line still fits above them, `more` when the line on the links
+/// left out fits below.
 struct LinkSecureLayout {
     int per_row;
     int shown;
     bool heading;
+    bool more;
 };
 
 constexpr int LINK_FINGERPRINT_SIZE = 65;  // 64 hex digits and a NUL
