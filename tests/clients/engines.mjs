@@ -55,12 +55,13 @@ export async function playByTouch(context, page) {
 }
 
 export const ENGINES = {
-  // '' gives it a fresh profile; `env` may name another HOME, whose .pki/nssdb holds the CAs it trusts.
-  async Blink({ env } = {}) {
+  // '' gives it a fresh profile; `env` may name another HOME, whose .pki/nssdb holds the CAs it trusts, and
+  // `host` an address it may reach besides 127.0.0.1.
+  async Blink({ env, host = '127.0.0.1' } = {}) {
     const context = await chromium.launchPersistentContext('', { executablePath: '/usr/bin/chromium', env,
       args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-sync',
         '--disable-background-networking', '--disable-component-update',
-        '--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1'], // no name but 127.0.0.1 resolves
+        `--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1, EXCLUDE ${host}`], // no name resolves
       viewport: { width: 390, height: 844 }, deviceScaleFactor: 3, isMobile: true, hasTouch: true });
     const [page] = context.pages();
     return { page, close: () => context.close(), play: () => playByTouch(context, page), picture: 'game-phone.png' };

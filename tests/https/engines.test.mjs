@@ -19,6 +19,10 @@ const examples = new URL('../../examples', import.meta.url).pathname;
 const SERVED = Object.entries(ANSWERS).filter(([answer]) => answer.startsWith('200 ')).flatMap(([, names]) => names)
   .filter((name) => name === '/save' || name === '/' || fs.existsSync(examples + name));
 const rows = [];
+// Each of SERVED fetched from the page: "STATUS NAME" (a function made from text, as the engines take
+// a function's source, and WebKit's driver no arguments).
+const fetchServed = (0, eval)(`() => Promise.all(${JSON.stringify(SERVED)}.map((name) =>
+  fetch(name, { cache: 'no-store' }).then((answer) => answer.status + ' ' + name)))`);
 
 /** A fresh NSS db in `folder` that trusts the CA for servers. */
 function nssWithCa(folder) {
@@ -33,7 +37,7 @@ const TRUST = {
   Blink() {
     const home = fs.mkdtempSync(path.join(os.tmpdir(), 'varnok-https-blink-'));
     nssWithCa(path.join(home, '.pki/nssdb'));
-    return { env: { ...process.env, HOME: home } };
+    return { env: { ...process.env, HOME: home }, host: HOST };
   },
   Gecko() {
     const profile = fs.mkdtempSync(path.join(os.tmpdir(), 'varnok-https-gecko-'));
@@ -58,8 +62,7 @@ for (const [engine, launch] of Object.entries(ENGINES)) {
       await browser.page.goto(HTTPS);
       await waitFor('the game over https', () => browser.page.evaluate(() => window.gameReport?.done), 30000);
       const status = await browser.page.evaluate(() => document.getElementById('status').textContent);
-      const answers = await browser.page.evaluate(`Promise.all(${JSON.stringify(SERVED)}.map((name) =>
-        fetch(name, { cache: 'no-store' }).then((answer) => answer.status + ' ' + name)))`);
+      const answers = await browser.page.evaluate(fetchServed);
       if (engine === 'Blink' && process.env.VARNOK_DOC_IMAGES === '1')
         fs.writeFileSync(new URL('../../docs/images/https-phone.png', import.meta.url), await browser.page.screenshot({ scale: 'css' }));
       rows.push(`| ${engine} | ${secure.secure}, ${secure.worker} | ${plain.secure}, ${plain.worker} | ${status}; ${answers.filter((a) => a.startsWith('200')).length} of ${SERVED.length} files 200 |`);
