@@ -178,6 +178,23 @@ void print_settings_note(FILE *out, const LinkPort &port)
     }
 }
 
+/// The line on the https links without a code: the port and their addresses, as many as fit LINK_TEXT_COLUMNS.
+std::string secure_more_line(uint16_t port, const char *const *addresses, int count)
+{
+    std::string line = "Also over https on port " + std::to_string(port) + " at:";
+    for (int i = 0; i < count; ++i) {
+        const std::string next = std::string(i > 0 ? ", " : " ") + addresses[i];
+        const bool last = i + 1 == count;
+        // Room for the address, and for ", ..." after it when more follow.
+        if (line.size() + next.size() + (last ? 0 : 5) > static_cast<size_t>(LINK_TEXT_COLUMNS)) {
+            line += ", ...";
+            break;
+        }
+        line += next;
+    }
+    return line;
+}
+
 } // namespace
 
 LinkPort link_port_read()
@@ -393,10 +410,8 @@ void link_print_secure(FILE *out, const LinkSecure &secure, const char *const *o
         link_print_row(out, texts.data() + first, std::min(layout.per_row, codes - first));
     }
     fprintf(out, "CA SHA-256: %s\n%s\n%s\n", secure.fingerprint, LINK_SECURE_IOS, LINK_SECURE_ANDROID);
-    const int more = count - layout.shown;
     if (layout.more)
-        fprintf(out, "%d more link%s not fit here; varnok-link in the served folder shows all %d.\n", more,
-                more == 1 ? " does" : "s do", count);
+        fprintf(out, "%s\n", secure_more_line(secure.port, offered + layout.shown, count - layout.shown).c_str());
 }
 
 void link_print(FILE *out, LinkMode mode, const LinkPort &port, const char *const *offered, int count,

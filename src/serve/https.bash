@@ -39,7 +39,7 @@ https_data_folder() {
     else
         home=$(getent passwd "$uid" | cut -d: -f6)
         [ -n "$home" ] && [ -d "$home" ] ||
-            fail "--https keeps its CA in the serving user's home, and $(id -un "$uid") has none"
+            fail "--https keeps its CA in the serving user's home, and $(id -un "$uid") has no home folder"
         echo "$home/.local/share/varnok"
     fi
 }

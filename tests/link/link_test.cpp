@@ -296,9 +296,12 @@ TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRo
         }
         std::vector<std::string> text = {"CA SHA-256: " + fingerprint, LINK_SECURE_IOS, LINK_SECURE_ANDROID};
         if (c.heading) text.insert(text.begin(), LINK_SECURE_HEADING);
-        if (c.more)
-            text.push_back(std::to_string(c.count - c.shown) + (c.count - c.shown == 1 ? " more link does" : " more links do") +
-                           " not fit here; varnok-link in the served folder shows all " + std::to_string(c.count) + ".");
+        if (c.more) {
+            std::string line = "Also over https on port 8081 at:";
+            for (int i = c.shown; i < c.count; ++i) line += (i > c.shown ? ", " : " ") + addresses[i];
+            // Four addresses would take 83 columns: three, and a mark that more follow.
+            text.push_back(line.size() <= 79 ? line : "Also over https on port 8081 at: 192.168.1.2, 192.168.1.3, 192.168.1.4, ...");
+        }
         EXPECT_EQ(read.text, text);
         if (c.columns > 0 && c.rows >= 20) {
             EXPECT_LT(read.widths.size(), static_cast<size_t>(c.rows));
@@ -306,6 +309,14 @@ TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRo
     }
     for (const char *line : {LINK_SECURE_HEADING, LINK_SECURE_IOS, LINK_SECURE_ANDROID})
         EXPECT_LE(columns_of(line), 79u) << line;
+    // Eight of the longest addresses: as many as fit, then a mark that more follow.
+    std::vector<std::string> longest(8, "192.168.100.200");
+    std::vector<const char *> eight;
+    for (const std::string &a : longest) eight.push_back(a.c_str());
+    const Printed many = read_printed(printed_by([&](FILE *out) {
+        link_print_secure(out, {65535, ca_short.c_str(), fingerprint.c_str()}, eight.data(), 8, {80, 24});
+    }));
+    EXPECT_EQ(many.text.back(), "Also over https on port 65535 at: 192.168.100.200, 192.168.100.200, ...");
     EXPECT_EQ(printed_by([&](FILE *out) { link_print_secure(out, {8081, ca_short.c_str(), fingerprint.c_str()}, nullptr, 0, {80, 24}); }),
               "No private LAN address (10.x, 172.16-31.x, 192.168.x) on this computer, so no https link.\n");
 }
