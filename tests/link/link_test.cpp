@@ -335,7 +335,9 @@ TEST(LinkSecure, FingerprintsAndPrivateAddresses) {
     for (const auto &f : fingerprints) {
         char out[LINK_FINGERPRINT_SIZE] = "";
         EXPECT_EQ(link_fingerprint_parse(f.text.c_str(), out), f.valid) << f.text;
-        if (f.valid) EXPECT_EQ(out, hex) << f.text;
+        if (f.valid) {
+            EXPECT_EQ(out, hex) << f.text;
+        }
     }
     const struct { const char *address; bool is_private; } addresses[] = {
         {"10.0.0.0", true}, {"10.255.255.255", true}, {"9.255.255.255", false}, {"11.0.0.0", false},
