@@ -153,13 +153,18 @@ https_start_front() {
     https_config "$plain" "$port" "$ca_port" >"$staging/front/haproxy.cfg"
     sandbox=(--unshare-ipc --unshare-pid --unshare-uts --unshare-cgroup-try --new-session --die-with-parent --clearenv
         --proc /proc --dev /dev --perms 0755 --dir /front)
-    for file in $(ldd /usr/sbin/haproxy | grep -o '/[^ ]*') /usr/sbin/haproxy; do sandbox+=(--ro-bind "$file" "$file"); done
+    local programs=(/usr/sbin/haproxy) folder
+    # As the launcher does for the server, root drops to the serving user inside, after the mounts.
+    [ "$(id -u)" -ne 0 ] || programs+=(/usr/bin/setpriv)
+    local files=($(for file in "${programs[@]}"; do echo "$file"; ldd "$file" | grep -o '/[^ ]*'; done | sort -u))
+    # Parents of the mount points are made 0755 first: bubblewrap would make them 0700, root's alone.
+    for folder in $(for file in "${files[@]}"; do while file=${file%/*}; [ -n "$file" ]; do echo "$file"; done; done | sort -u); do
+        sandbox+=(--perms 0755 --dir "$folder")
+    done
+    for file in "${files[@]}"; do sandbox+=(--ro-bind "$file" "$file"); done
     for file in haproxy.cfg leaf.pem ca.crt; do sandbox+=(--ro-bind "$staging/front/$file" "/front/$file"); done
     if [ "$(id -u)" -eq 0 ]; then
-        # As the launcher does for the server: the drop happens inside, keeping only the right to bind a low port.
-        for file in $(ldd /usr/bin/setpriv | grep -o '/[^ ]*') /usr/bin/setpriv; do
-            [[ " ${sandbox[*]} " == *" $file $file "* ]] || sandbox+=(--ro-bind "$file" "$file")
-        done
+        # Only the right to bind a low port is kept.
         sandbox+=(--cap-drop ALL --cap-add CAP_SETUID --cap-add CAP_SETGID --cap-add CAP_SETPCAP --cap-add CAP_NET_BIND_SERVICE)
         command=(/usr/bin/setpriv --reuid "$uid" --regid "$gid" --clear-groups --no-new-privs
             --inh-caps -all,+net_bind_service --ambient-caps -all,+net_bind_service
