@@ -33,14 +33,17 @@ function nssWithCa(folder) {
   }
 }
 
+const made = [];  // the folders below, removed at the end
+const folder = (name) => made[made.push(fs.mkdtempSync(path.join(os.tmpdir(), `varnok-https-${name}-`))) - 1];
+
 const TRUST = {
   Blink() {
-    const home = fs.mkdtempSync(path.join(os.tmpdir(), 'varnok-https-blink-'));
+    const home = folder('blink');
     nssWithCa(path.join(home, '.pki/nssdb'));
     return { env: { ...process.env, HOME: home }, host: HOST };
   },
   Gecko() {
-    const profile = fs.mkdtempSync(path.join(os.tmpdir(), 'varnok-https-gecko-'));
+    const profile = folder('gecko');
     nssWithCa(profile);
     return { profile };
   },
@@ -76,5 +79,6 @@ for (const [engine, launch] of Object.entries(ENGINES)) {
   });
 }
 
+test.after(() => made.forEach((name) => fs.rmSync(name, { recursive: true, force: true })));
 test.after(() => console.log(['| Engine | https: secure context, service worker | http: the same | the game over https |',
   '|---|---|---|---|', ...rows].join('\n')));
