@@ -6,7 +6,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       := $(shell nproc)
 
-.PHONY: all deps build build-asan run package test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link test-as-user bench-quick clean
+.PHONY: all deps build build-asan run package test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link test-https test-as-user bench-quick clean
 
 all: build
 
@@ -43,6 +43,12 @@ test-link: build
 	@scripts/install-deps link
 	tests/link/run $(BUILD)
 
+# varnok-serve --https in a network namespace: certificates, the TLS front, hostile clients, the screen,
+# and the three engines trusting the CA (as root, or with sudo -n).
+test-https: build
+	@scripts/install-deps https browser
+	tests/https/run $(BUILD)
+
 # The 100 000-request soak (the bad-input campaign runs with the unit tests, in both builds).
 test-hardening: build
 	$(BUILD)/soak_test
@@ -74,7 +80,7 @@ test-as-user: build
 package:
 	scripts/build-package
 
-test: test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link
+test: test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link test-https
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz build-deb examples/varnok-http-server

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -23,6 +24,7 @@
 namespace {
 
 constexpr size_t SETTINGS_READ_SIZE = 4096;   // the server reads the file once, this much at most
+constexpr int SECURE_TEXT_LINES = 3;          // the fingerprint, iOS and Android lines
 
 // Colours 16 and 231 of the 256-colour cube: black and white that terminal themes leave alone,
 // unlike the sixteen basic colours. Each cell is an upper half block: foreground for the upper
@@ -176,6 +178,23 @@ void print_settings_note(FILE *out, const LinkPort &port)
     }
 }
 
+/// The line on the https links without a code: the port and their addresses, as many as fit LINK_TEXT_COLUMNS.
+std::string secure_more_line(uint16_t port, const char *const *addresses, int count)
+{
+    std::string line = "Also over https on port " + std::to_string(port) + " at:";
+    for (int i = 0; i < count; ++i) {
+        const std::string next = std::string(i > 0 ? ", " : " ") + addresses[i];
+        const bool last = i + 1 == count;
+        // Room for the address, and for ", ..." after it when more follow.
+        if (line.size() + next.size() + (last ? 0 : 5) > static_cast<size_t>(LINK_TEXT_COLUMNS)) {
+            line += ", ...";
+            break;
+        }
+        line += next;
+    }
+    return line;
+}
+
 } // namespace
 
 LinkPort link_port_read()
@@ -216,6 +235,47 @@ int link_offered_addresses(char *const *slots, int32_t slot_count, const char **
 void link_format_url(char *url, const char *address, uint16_t port)
 {
     snprintf(url, LINK_URL_SIZE, "http://%s:%u/", address, static_cast<unsigned>(port));
+}
+
+int link_address_is_private(const char *address)
+{
+    in_addr parsed{};
+    if (inet_pton(AF_INET, address, &parsed) != 1)
+        return 0;
+    const uint32_t value = ntohl(parsed.s_addr);
+    return (value >> 24) == 10 || (value >> 20) == ((172u << 4) | 1) || (value >> 16) == ((192u << 8) | 168);
+}
+
+int link_keep_private(const char **offered, int count)
+{
+    return static_cast<int>(std::stable_partition(offered, offered + count, link_address_is_private) - offered);
+}
+
+void link_format_secure_url(char *url, const char *address, uint16_t port)
+{
+    snprintf(url, LINK_URL_SIZE, "https://%s:%u/", address, static_cast<unsigned>(port));
+}
+
+int link_fingerprint_parse(const char *text, char *hex)
+{
+    int digits = 0;
+    for (const char *c = text; *c != '\0'; ++c) {
+        // A colon may only part two pairs: after an even, nonzero count of digits, before more.
+        if (*c == ':' && digits > 0 && digits % 2 == 0 && c[1] != '\0' && c[1] != ':')
+            continue;
+        if (!isxdigit(static_cast<unsigned char>(*c)) || digits == LINK_FINGERPRINT_SIZE - 1)
+            return 0;
+        hex[digits++] = static_cast<char>(toupper(static_cast<unsigned char>(*c)));
+    }
+    hex[digits] = '\0';
+    return digits == LINK_FINGERPRINT_SIZE - 1;
+}
+
+int link_symbol_lines(const char *text)
+{
+    LinkSymbol symbol;
+    symbol_make(&symbol, text);
+    return symbol_lines(symbol);
 }
 
 void link_print_row(FILE *out, const char *const *urls, int count)
@@ -306,6 +366,52 @@ LinkLayout link_layout(int count, LinkScreen screen, LinkMode mode)
     while (code_rows_lines(fitting + 1) + text_lines <= lines)
         ++fitting;
     return {per_row, fitting, std::min(count, fitting * per_row)};
+}
+
+LinkSecureLayout link_secure_layout(int count, int ca_lines, LinkScreen screen)
+{
+    if (screen.columns <= 0 || screen.rows <= 0)
+        return {1, count, true, false};
+    const int per_row = std::max(1, (screen.columns + LINK_CODE_GAP) / (LINK_CODE_COLUMNS + LINK_CODE_GAP));
+    // The CA's code closes the last row; when it is taller than a link's, that row is too.
+    const auto lines = [&](int shown) {
+        return code_rows_lines(divide_up(shown + 1, per_row)) + std::max(0, ca_lines - LINK_CODE_LINES) +
+               SECURE_TEXT_LINES;
+    };
+    // Codes first, then the line on the links left out, then the heading, as far as the rows allow.
+    const int room = screen.rows - 1;
+    int shown = std::min(count, 1);
+    while (shown < count && lines(shown + 1) + (shown + 1 < count) <= room)
+        ++shown;
+    const bool more = shown < count && lines(shown) + 1 <= room;
+    return {per_row, shown, lines(shown) + more + 1 <= room, more};
+}
+
+void link_print_secure(FILE *out, const LinkSecure &secure, const char *const *offered, int count, LinkScreen screen)
+{
+    if (count == 0) {
+        fprintf(out, "No private LAN address (10.x, 172.16-31.x, 192.168.x) on this computer, so no https link.\n");
+        return;
+    }
+    const LinkSecureLayout layout = link_secure_layout(count, link_symbol_lines(secure.ca_url), screen);
+    if (layout.heading)
+        fprintf(out, "%s\n", LINK_SECURE_HEADING);
+    std::vector<std::array<char, LINK_URL_SIZE>> urls(layout.shown);
+    std::vector<const char *> texts;
+    for (auto &url : urls) {
+        link_format_secure_url(url.data(), offered[texts.size()], secure.port);
+        texts.push_back(url.data());
+    }
+    texts.push_back(secure.ca_url);
+    const int codes = static_cast<int>(texts.size());
+    for (int first = 0; first < codes; first += layout.per_row) {
+        if (first > 0)
+            fputc('\n', out);
+        link_print_row(out, texts.data() + first, std::min(layout.per_row, codes - first));
+    }
+    fprintf(out, "CA SHA-256: %s\n%s\n%s\n", secure.fingerprint, LINK_SECURE_IOS, LINK_SECURE_ANDROID);
+    if (layout.more)
+        fprintf(out, "%s\n", secure_more_line(secure.port, offered + layout.shown, count - layout.shown).c_str());
 }
 
 void link_print(FILE *out, LinkMode mode, const LinkPort &port, const char *const *offered, int count,

@@ -55,6 +55,32 @@ struct LinkLayout {
     int shown;
 };
 
+/// What the launcher's HTTPS front adds below the server's screen.
+struct LinkSecure {
+    uint16_t port;              // the port of the https links
+    const char *ca_url;         // the plain-HTTP link that downloads the CA certificate
+    const char *fingerprint;    // the CA certificate's SHA-256, 64 hex digits in upper case
+};
+
+/// Where the https links and the CA's code go: the first `shown` links, then the CA's code, `per_row` codes
+/// side by side; `heading` when the heading line still fits above them, `more` when the line on the links
+/// left out fits below.
+struct LinkSecureLayout {
+    int per_row;
+    int shown;
+    bool heading;
+    bool more;
+};
+
+constexpr int LINK_FINGERPRINT_SIZE = 65;  // 64 hex digits and a NUL
+/// Below the codes with --https: how a phone takes the CA, one line per system.
+constexpr const char *LINK_SECURE_HEADING =
+    "Once per phone, open the last code and trust that CA; then scan an https link:";
+constexpr const char *LINK_SECURE_IOS =
+    "iOS: Profile Downloaded \u203a Install, then About \u203a Certificate Trust Settings";
+constexpr const char *LINK_SECURE_ANDROID =
+    "Android: Security \u203a Encryption & credentials \u203a Install a certificate \u203a CA";
+
 /// Reads the port from package.json in the working folder as the server does, without writing it.
 LinkPort link_port_read();
 /// The port the server binds for a setting: its low 16 bits (0: the system picks one).
@@ -63,6 +89,16 @@ uint16_t link_bound_port(int32_t setting);
 int link_offered_addresses(char *const *slots, int32_t slot_count, const char **out);
 /// Writes "http://ADDRESS:PORT/" into `url` (LINK_URL_SIZE bytes).
 void link_format_url(char *url, const char *address, uint16_t port);
+/// 1 when `address` (dotted IPv4) is in a private range (10/8, 172.16/12, 192.168/16), the only ones the
+/// launcher's CA may vouch for; else 0.
+int link_address_is_private(const char *address);
+/// Keeps, in order, the `count` addresses of `offered` that are private; returns how many are left.
+int link_keep_private(const char **offered, int count);
+/// Writes "https://ADDRESS:PORT/" into `url` (LINK_URL_SIZE bytes).
+void link_format_secure_url(char *url, const char *address, uint16_t port);
+/// 1 when `text` is a SHA-256 fingerprint (64 hex digits, pairs may be parted by ':'), its digits in upper
+/// case then in `hex` (LINK_FINGERPRINT_SIZE bytes); else 0.
+int link_fingerprint_parse(const char *text, char *hex);
 /// The name of the interface that carries the IPv4 default route in a /proc/net/route text: of the
 /// up routes to 0.0.0.0/0, the one with the lowest metric. 1 and the name in `name`, or 0.
 int link_default_route_interface(const char *route_table, char *name);
@@ -73,6 +109,9 @@ void link_put_interface_first(const char **offered, int count, const ifaddrs *he
 int link_ordered_addresses(char *const *slots, int32_t slot_count, const char **out);
 /// Where `count` links go on `screen`; `mode` LINK_MODE_SERVING keeps them within its rows.
 LinkLayout link_layout(int count, LinkScreen screen, LinkMode mode);
+/// Where `count` https links and a CA code of `ca_lines` lines go on `screen`, with the three lines of text
+/// below them and a line on the links that do not fit, all within its rows but the cursor's.
+LinkSecureLayout link_secure_layout(int count, int ca_lines, LinkScreen screen);
 /// Prints `count` codes side by side, each with its URL on the line above, in slots of
 /// LINK_CODE_COLUMNS columns LINK_CODE_GAP apart. Each symbol is drawn in half blocks of fixed colours,
 /// two module rows per line, and each of its lines ends with an attribute reset.
@@ -82,3 +121,8 @@ void link_print_row(FILE *out, const char *const *urls, int count);
 /// A single line replaces them when there is no address or the port is left to the system.
 void link_print(FILE *out, LinkMode mode, const LinkPort &port, const char *const *offered, int count,
                 LinkScreen screen);
+/// The https links of the `offered` addresses (all private) and the CA's plain-HTTP link, laid out for `screen`, then the
+/// CA's fingerprint and a line each on trusting it on iOS and Android.
+void link_print_secure(FILE *out, const LinkSecure &secure, const char *const *offered, int count, LinkScreen screen);
+/// Lines of the symbol that encodes `text` with its quiet zone (0 when it does not fit a symbol).
+int link_symbol_lines(const char *text);

@@ -136,9 +136,9 @@ Printed read_printed(const std::string &printed) {
     for (std::string line; std::getline(lines, line);) {
         EXPECT_TRUE(line.empty() || line.back() != ' ') << "blanks at the end of: " << line;
         read.widths.push_back(line.size());
-        if (line.rfind("http://", 0) == 0) {
+        if (line.rfind("http://", 0) == 0 || line.rfind("https://", 0) == 0) {
             row = read.codes.size();
-            for (size_t at = 0; (at = line.find("http://", at)) != std::string::npos;)
+            for (size_t at = 0; (at = line.find("http", at)) != std::string::npos;)
                 read.codes.push_back({line.substr(at, line.find(' ', at) - at), at, {}}), at = line.find(' ', at);
             continue;
         }
@@ -254,6 +254,107 @@ TEST(LinkPrint, ServingKeepsTheHeadingAndTheCodesThatFitInViewAndTheRestOnOneLin
                   "No LAN address on this computer: connect it to a network, and the phone must join the same network.\n");
 }
 
+/// Columns a line of UTF-8 text takes: its bytes but the continuation bytes.
+size_t columns_of(const std::string &line) {
+    return std::count_if(line.begin(), line.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; });
+}
+
+TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRows) {
+    const std::string ca_short = "http://10.0.0.1:8082/ca.crt", ca_long = "http://192.168.100.200:65535/varnok-ca.crt";
+    const std::string fingerprint(64, 'A');
+    const struct { int count; std::string ca; int columns, rows, per_row, shown; bool heading, more; } cases[] = {
+        {1, ca_short, 80, 24, 2, 1, true, false}, {2, ca_short, 80, 24, 2, 1, true, true},
+        {3, ca_short, 80, 24, 2, 1, true, true}, {2, ca_short, 80, 23, 2, 1, false, true},
+        {1, ca_long, 80, 24, 2, 1, false, false},   // the CA's taller code leaves no room for the heading,
+        {2, ca_long, 80, 24, 2, 1, false, false},   // nor for the line on the other link
+        {3, ca_short, 120, 24, 3, 2, true, true}, {5, ca_short, 80, 43, 2, 3, true, true},
+        {5, ca_short, 80, 42, 2, 3, false, true}, {5, ca_short, 80, 41, 2, 1, true, true},
+        {3, ca_short, 0, 0, 1, 3, true, false},     // a file or a pipe: all, one below the other
+        {2, ca_short, 80, 10, 2, 1, false, false},  // too low for any: one link all the same
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::to_string(c.count) + " with " + c.ca + " on " + std::to_string(c.columns) + "x" + std::to_string(c.rows));
+        std::vector<std::string> addresses;
+        for (int i = 0; i < c.count; ++i) addresses.push_back("192.168.1." + std::to_string(i + 1));
+        std::vector<const char *> offered;
+        for (const std::string &a : addresses) offered.push_back(a.c_str());
+        EXPECT_EQ(link_symbol_lines(c.ca.c_str()), c.ca == ca_long ? 19 : 17);  // versions 3 and 2
+        const LinkSecureLayout layout = link_secure_layout(c.count, link_symbol_lines(c.ca.c_str()), {c.columns, c.rows});
+        EXPECT_EQ(layout.per_row, c.per_row);
+        EXPECT_EQ(layout.shown, c.shown);
+        EXPECT_EQ(layout.heading, c.heading);
+        EXPECT_EQ(layout.more, c.more);
+        const Printed read = read_printed(printed_by([&](FILE *out) {
+            link_print_secure(out, {8081, c.ca.c_str(), fingerprint.c_str()}, offered.data(), c.count, {c.columns, c.rows});
+        }));
+        ASSERT_EQ(read.codes.size(), static_cast<size_t>(c.shown + 1));
+        for (int i = 0; i <= c.shown; ++i) {
+            const std::string url = i < c.shown ? "https://" + addresses[i] + ":8081/" : c.ca;
+            EXPECT_EQ(read.codes[i].url, url);
+            EXPECT_EQ(read.codes[i].column, i % c.per_row * 37u);
+            EXPECT_EQ(read.codes[i].rows, symbol_of(url));
+        }
+        std::vector<std::string> text = {"CA SHA-256: " + fingerprint, LINK_SECURE_IOS, LINK_SECURE_ANDROID};
+        if (c.heading) text.insert(text.begin(), LINK_SECURE_HEADING);
+        if (c.more) {
+            std::string line = "Also over https on port 8081 at:";
+            for (int i = c.shown; i < c.count; ++i) line += (i > c.shown ? ", " : " ") + addresses[i];
+            // Four addresses would take 83 columns: three, and a mark that more follow.
+            text.push_back(line.size() <= 79 ? line : "Also over https on port 8081 at: 192.168.1.2, 192.168.1.3, 192.168.1.4, ...");
+        }
+        EXPECT_EQ(read.text, text);
+        if (c.columns > 0 && c.rows >= 20) {
+            EXPECT_LT(read.widths.size(), static_cast<size_t>(c.rows));
+        }
+    }
+    for (const char *line : {LINK_SECURE_HEADING, LINK_SECURE_IOS, LINK_SECURE_ANDROID})
+        EXPECT_LE(columns_of(line), 79u) << line;
+    // Eight of the longest addresses: as many as fit, then a mark that more follow.
+    std::vector<std::string> longest(8, "192.168.100.200");
+    std::vector<const char *> eight;
+    for (const std::string &a : longest) eight.push_back(a.c_str());
+    const Printed many = read_printed(printed_by([&](FILE *out) {
+        link_print_secure(out, {65535, ca_short.c_str(), fingerprint.c_str()}, eight.data(), 8, {80, 24});
+    }));
+    EXPECT_EQ(many.text.back(), "Also over https on port 65535 at: 192.168.100.200, 192.168.100.200, ...");
+    EXPECT_EQ(printed_by([&](FILE *out) { link_print_secure(out, {8081, ca_short.c_str(), fingerprint.c_str()}, nullptr, 0, {80, 24}); }),
+              "No private LAN address (10.x, 172.16-31.x, 192.168.x) on this computer, so no https link.\n");
+}
+
+TEST(LinkSecure, FingerprintsAndPrivateAddresses) {
+    const std::string hex = "0123456789ABCDEF0123456789ABCDEF0123456789ABCDEF0123456789ABCDEF";
+    std::string pairs;
+    for (size_t i = 0; i < hex.size(); i += 2) pairs += (i ? ":" : "") + hex.substr(i, 2);
+    std::string lower = hex;
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    const struct { std::string text; bool valid; } fingerprints[] = {
+        {hex, true}, {pairs, true}, {lower, true}, {hex.substr(1), false}, {hex + "0", false}, {"", false},
+        {":" + pairs, false}, {pairs + ":", false}, {"0:" + hex.substr(1), false}, {"01::" + hex.substr(2), false},
+        {hex.substr(1) + "G", false}, {hex.substr(1) + " ", false},
+    };
+    for (const auto &f : fingerprints) {
+        char out[LINK_FINGERPRINT_SIZE] = "";
+        EXPECT_EQ(link_fingerprint_parse(f.text.c_str(), out), f.valid) << f.text;
+        if (f.valid) {
+            EXPECT_EQ(out, hex) << f.text;
+        }
+    }
+    const struct { const char *address; bool is_private; } addresses[] = {
+        {"10.0.0.0", true}, {"10.255.255.255", true}, {"9.255.255.255", false}, {"11.0.0.0", false},
+        {"172.15.255.255", false}, {"172.16.0.0", true}, {"172.31.255.255", true}, {"172.32.0.0", false},
+        {"192.167.255.255", false}, {"192.168.0.0", true}, {"192.168.255.255", true}, {"192.169.0.0", false},
+        {"8.8.8.8", false}, {"203.0.113.9", false}, {"127.0.0.1", false}, {"169.254.1.1", false}, {"not an address", false},
+    };
+    std::vector<const char *> all;
+    for (const auto &a : addresses) {
+        EXPECT_EQ(link_address_is_private(a.address), a.is_private) << a.address;
+        all.push_back(a.address);
+    }
+    const int kept = link_keep_private(all.data(), static_cast<int>(all.size()));
+    EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + kept),
+              (std::vector<std::string>{"10.0.0.0", "10.255.255.255", "172.16.0.0", "172.31.255.255", "192.168.0.0", "192.168.255.255"}));
+}
+
 struct Ran { int status; std::string out, err; };
 
 /// varnok-link run with `arguments` in `folder`.
@@ -279,6 +380,14 @@ TEST(LinkCommand, OptionsFoldersAndMistakes) {
         {"--serving text", 0, system},
         {"text", 0, "package.json: the port setting is not a number, so the server takes it as 0.\n" + system},
         {"--port missing", 2, ""}, {"low text", 2, ""}, {"--port --serving", 2, ""}, {"--ports", 2, ""}, {"-p", 2, ""},
+        {"--addresses --port", 2, ""}, {"--serving --https", 2, ""}, {"--serving --https 8081", 2, ""},
+        {"--https 8081 --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
+        {"--serving --https 0 --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
+        {"--serving --https 65536 --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
+        {"--serving --https 8081x --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
+        {"--serving --https 8081 --ca-url https://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
+        {"--serving --https 8081 --ca-url http://10.0.0.1:8082/" + std::string(90, 'c') + " --fingerprint " + std::string(64, 'a'), 2, ""},
+        {"--serving --https 8081 --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(63, 'a'), 2, ""},
     };
     for (const auto &c : cases) {
         const Ran run = run_link(folder, c.arguments);
@@ -289,8 +398,8 @@ TEST(LinkCommand, OptionsFoldersAndMistakes) {
     EXPECT_FALSE(std::filesystem::exists(folder / "none/package.json"));
     const Ran help = run_link(folder, "--help");
     EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out.rfind("Usage: varnok-link [--serving | --port] [FOLDER]\n", 0), 0u);
-    for (const char *option : {"--serving", "--port", "--help", "--version"})
+    EXPECT_EQ(help.out.rfind("Usage: varnok-link [--serving | --port | --addresses] [FOLDER]\n", 0), 0u);
+    for (const char *option : {"--serving", "--port", "--addresses", "--https", "--ca-url", "--fingerprint", "--help", "--version"})
         EXPECT_NE(help.out.find(option), std::string::npos) << option;
 }
 
