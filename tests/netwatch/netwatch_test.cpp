@@ -10,12 +10,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "netwatch/netwatch.h"
 
@@ -26,9 +25,7 @@ using std::chrono::milliseconds;
 
 constexpr int NOTICE_WAIT_MS = 2000;      // a change's messages are queued before `ip` ends; this is slack
 constexpr int QUIET_MS = 300;             // no message for this long: the last change has settled
-constexpr milliseconds IP_LIMIT{5000};
 constexpr milliseconds CHILD_LIMIT{90000};
-constexpr const char *IP_PATHS[] = {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"};
 
 NetOffer offer_of(std::initializer_list<const char *> addresses, const char *beyond = "")
 {
@@ -96,38 +93,16 @@ TEST(NetwatchOpen, TheSocketNeverBlocksNorOutlivesAnExec) {
 /// iproute2's ip, or null.
 const char *ip_path()
 {
-    for (const char *path : IP_PATHS)
+    for (const char *path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"})
         if (access(path, X_OK) == 0)
             return path;
     return nullptr;
 }
 
-/// Runs ip with the space-separated `words`, its output dropped; its exit status, or -1 after IP_LIMIT.
-int run_ip(const std::string &words)
+/// Runs the lines of `batch` as ip commands, killed after 5 s; 0 when every one succeeded.
+int run_ip(const std::string &batch)
 {
-    std::vector<std::string> parts{"ip"};
-    for (std::istringstream in(words); in >> parts.emplace_back();) {}
-    parts.pop_back();
-    std::vector<char *> argv;
-    for (std::string &part : parts)
-        argv.push_back(part.data());
-    argv.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, 1), dup2(null, 2);
-        execv(ip_path(), argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    for (const auto end = Clock::now() + IP_LIMIT; waitpid(pid, &status, WNOHANG) == 0;) {
-        if (Clock::now() > end) {
-            kill(pid, SIGKILL), waitpid(pid, &status, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(milliseconds(5));
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return system(("printf '%s\\n' '" + batch + "' | timeout -s KILL 5 " + ip_path() + " -batch - >/dev/null 2>&1").c_str());
 }
 
 /// netwatch_drain's answer once `fd` is readable within `ms`; 0 when nothing came.
@@ -138,15 +113,7 @@ int notice_within(int fd, int ms)
     return count > 0 ? netwatch_drain(fd) : count;
 }
 
-/// Drains `fd` until it stays quiet for QUIET_MS (at most twenty rounds).
-void settle(int fd)
-{
-    pollfd ready{fd, POLLIN, 0};
-    for (int round = 0; round < 20 && poll(&ready, 1, QUIET_MS) > 0; ++round)
-        netwatch_drain(fd);
-}
-
-/// A line to the parent: "SKIP why", "FAIL what" or "NOTE what".
+/// A line to the parent: "SKIP why", "FAIL what", "NOTE what" or "END".
 void tell(int pipe, const std::string &line)
 {
     const std::string text = line + "\n";
@@ -157,30 +124,27 @@ enum Notice { NOTICE_YES, NOTICE_EITHER };
 
 struct Change {
     const char *what;
-    std::vector<std::string> commands;   // ip's words, run in turn
+    const char *commands;   // for ip, a line each
     Notice notice;
-    const char *offer;                   // described, after the change
+    const char *offer;      // described, after the change
 };
 
-/// Runs one change on `fd`'s namespace and tells the parent what did not turn out as `change` says.
+/// Runs one change once the last has settled, and tells the parent what did not turn out as `change` says.
 void check_change(int pipe, int fd, const Change &change)
 {
-    settle(fd);
+    for (int round = 0; round < 20 && notice_within(fd, QUIET_MS) > 0; ++round) {}
+    const auto fail = [&](const std::string &why) { tell(pipe, "FAIL " + std::string(change.what) + ": " + why); };
     NetOffer before{}, after{};
     netwatch_offer(&before);
-    for (const std::string &command : change.commands)
-        if (run_ip(command) != 0)
-            tell(pipe, std::string("FAIL ") + change.what + ": ip " + command + " failed");
+    if (run_ip(change.commands) != 0)
+        fail(std::string("ip failed on ") + change.commands);
     const int notice = notice_within(fd, NOTICE_WAIT_MS);
-    if (netwatch_offer(&after) != 0)
-        tell(pipe, std::string("FAIL ") + change.what + ": no offer");
-    if (change.notice == NOTICE_YES && notice != 1)
-        tell(pipe, std::string("FAIL ") + change.what + ": drain said " + std::to_string(notice));
+    if (netwatch_offer(&after) != 0 || (change.notice == NOTICE_YES && notice != 1))
+        fail("drain said " + std::to_string(notice) + ", or no offer");
     if (change.notice == NOTICE_EITHER)
-        tell(pipe, std::string("NOTE ") + change.what + ": drain said " + std::to_string(notice));
+        tell(pipe, "NOTE " + std::string(change.what) + ": drain said " + std::to_string(notice));
     if (described(after) != change.offer || netwatch_same(before, after) != (described(before) == change.offer))
-        tell(pipe, std::string("FAIL ") + change.what + ": the offer went from " + described(before) + " to " +
-                       described(after) + ", not to " + change.offer);
+        fail("the offer went from " + described(before) + " to " + described(after) + ", not to " + change.offer);
 }
 
 /// After messages overflow a small queue (a second socket shows the kernel's ENOBUFS), drain still says 1.
@@ -189,8 +153,10 @@ void check_overflow(int pipe, int fd)
     const int witness = netwatch_open(), least = 1;
     for (const int socket : {fd, witness})
         setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
+    std::string flood;
     for (int i = 1; i <= 20; ++i)
-        run_ip("addr add 10.99.0." + std::to_string(i) + "/32 dev u0");
+        flood += "addr add 10.99.0." + std::to_string(i) + "/32 dev u0\n";
+    run_ip(flood);
     char byte;
     bool lost = false;
     for (ssize_t got = 0; got >= 0 && !lost;) {
@@ -211,23 +177,22 @@ void check_overflow(int pipe, int fd)
         tell(pipe, std::string("SKIP no network namespace can be made here: ") + strerror(errno)), _exit(0);
     if (run_ip("link add v0 type veth peer name v1") != 0)
         tell(pipe, "SKIP ip makes no veth pair here"), _exit(0);
-    for (const char *command : {"link set lo up", "link add w0 type veth peer name w1", "link add u0 type veth peer name u1",
-                                "link set v0 up", "link set v1 up", "link set w0 up", "link set w1 up"})
-        if (run_ip(command) != 0)
-            tell(pipe, std::string("FAIL setting up: ip ") + command);
+    if (run_ip("link set lo up\nlink add w0 type veth peer name w1\nlink add u0 type veth peer name u1\n"
+               "link set v0 up\nlink set v1 up\nlink set w0 up\nlink set w1 up") != 0)
+        tell(pipe, "FAIL the interfaces could not be set up");
     const int fd = netwatch_open();
-    const Change changes[] = {
-        {"a new private address", {"addr add 192.168.1.20/24 dev v0"}, NOTICE_YES, "192.168.1.20"},
-        {"a link-local address", {"addr add 169.254.7.7/16 dev v0"}, NOTICE_YES, "192.168.1.20"},
-        {"an IPv6 address", {"addr add fd00::20/64 dev v0 nodad"}, NOTICE_EITHER, "192.168.1.20"},
-        {"a second loopback address", {"addr add 127.0.0.2/8 dev lo"}, NOTICE_YES, "192.168.1.20"},
-        {"an interface up without IPv4", {"link set u0 up", "link set u1 up"}, NOTICE_YES, "192.168.1.20"},
-        {"a default route by the only address", {"route add default via 192.168.1.1 dev v0"}, NOTICE_YES, "192.168.1.20"},
-        {"a second address", {"addr add 10.20.30.77/24 dev w0"}, NOTICE_YES, "192.168.1.20, 10.20.30.77"},
-        {"the default route moved to it", {"route replace default via 10.20.30.1 dev w0"}, NOTICE_YES,
+    constexpr Change changes[] = {
+        {"a new private address", "addr add 192.168.1.20/24 dev v0", NOTICE_YES, "192.168.1.20"},
+        {"a link-local address", "addr add 169.254.7.7/16 dev v0", NOTICE_YES, "192.168.1.20"},
+        {"an IPv6 address", "addr add fd00::20/64 dev v0 nodad", NOTICE_EITHER, "192.168.1.20"},
+        {"a second loopback address", "addr add 127.0.0.2/8 dev lo", NOTICE_YES, "192.168.1.20"},
+        {"an interface up without IPv4", "link set u0 up\nlink set u1 up", NOTICE_YES, "192.168.1.20"},
+        {"a default route by the only address", "route add default via 192.168.1.1 dev v0", NOTICE_YES, "192.168.1.20"},
+        {"a second address", "addr add 10.20.30.77/24 dev w0", NOTICE_YES, "192.168.1.20, 10.20.30.77"},
+        {"the default route moved to it", "route replace default via 10.20.30.1 dev w0", NOTICE_YES,
          "10.20.30.77, 192.168.1.20"},
-        {"the two swapped back", {"route replace default via 192.168.1.1 dev v0"}, NOTICE_YES, "192.168.1.20, 10.20.30.77"},
-        {"an address removed", {"addr del 10.20.30.77/24 dev w0"}, NOTICE_YES, "192.168.1.20"},
+        {"the two swapped back", "route replace default via 192.168.1.1 dev v0", NOTICE_YES, "192.168.1.20, 10.20.30.77"},
+        {"an address removed", "addr del 10.20.30.77/24 dev w0", NOTICE_YES, "192.168.1.20"},
     };
     NetOffer start{};
     if (fd < 0 || netwatch_offer(&start) != 0 || described(start) != "no address")
