@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +28,7 @@ constexpr int NOTICE_WAIT_MS = 2000;      // a change's messages are queued befo
 constexpr int QUIET_MS = 300;             // no message for this long: the last change has settled
 constexpr milliseconds CHILD_LIMIT{90000};
 
+/// An offer of `addresses`, with `beyond` in the first slot past its count.
 NetOffer offer_of(std::initializer_list<const char *> addresses, const char *beyond = "")
 {
     NetOffer offer{};
@@ -36,10 +38,11 @@ NetOffer offer_of(std::initializer_list<const char *> addresses, const char *bey
     return offer;
 }
 
+/// netwatch_describe's text for a buffer of `size` bytes, first filled with '#' (600 of them at most).
 std::string described(const NetOffer &offer, int size = 600)
 {
     std::string text(600, '#');
-    netwatch_describe(offer, text.data(), size);
+    netwatch_describe(offer, text.data(), std::min(size, 600));
     return text.substr(0, text.find('\0'));
 }
 
