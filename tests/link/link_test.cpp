@@ -19,6 +19,7 @@
 #include "link/link.h"
 #include "qr/qr.h"
 #include "server/product.h"
+#include "support/heap_text.h"
 #include "support/temp_folder.h"
 
 namespace {
@@ -117,9 +118,7 @@ std::string printed_by(const std::function<void(FILE *)> &print) {
     FILE *out = open_memstream(&text, &length);
     print(out);
     fclose(out);
-    std::string copy(text, length);
-    free(text);
-    return copy;
+    return taken(text, length);
 }
 
 /// A printed code: its URL, the column that starts in, and the modules ('#' dark, '.' light) read from
