@@ -19,11 +19,7 @@
 
 inline sockaddr_in loopback(int port)
 {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
+    return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
 /// The port a socket got bound to on 127.0.0.1 (`port` 0: one the kernel hands out, free now), or 0

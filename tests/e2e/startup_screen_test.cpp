@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <regex>
 #include <string>
 
 #include "e2e/server_process.h"
 #include "pairing/pairing.h"
+#include "support/heap_text.h"
 
 namespace {
 
@@ -15,11 +17,8 @@ std::string expected_pairing_code(int port)
     char *slots[LAN_ADDRESS_SLOT_COUNT] = {};
     lan_address_collect(slots);
     const ServerSettings settings{port, 1000, "index.html", "./"};
-    char *built = pairing_code_build(&settings, slots);
-    std::string code = built;
-    free(built);
-    for (char *slot : slots)
-        free(slot);
+    const std::string code = taken(pairing_code_build(&settings, slots));
+    std::for_each(std::begin(slots), std::end(slots), free);
     return code;
 }
 

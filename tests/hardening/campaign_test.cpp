@@ -58,6 +58,8 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
     site.folder.write("www/index.html", "main");
     site.folder.write("www/x.html", "x");
     site.folder.write("www/site/index.html", "site");
+    site.folder.write("www/a b.html", "space");
+    site.folder.write("www/empty.txt", "");
     site.folder.write("index.html", "above");
     // The document root is the program's folder followed by "./", less the last "/".
     const int root_length = static_cast<int>((site.folder.path() / "www/.").string().size());
@@ -68,6 +70,16 @@ TEST(Campaign, EachBadRequestHasItsOutcome)
     escaped_path += "aa";
 
     const Case cases[] = {
+        {"main file", "GET / HTTP/1.1\r\n\r\n", End::Answer, ok_answer(HTML, "main")},
+        {"whole request", "GET /index.html HTTP/1.1\r\nHost: x\r\n\r\n", End::Answer, ok_answer(HTML, "main")},
+        {"not found", "GET /missing.html HTTP/1.1\r\n\r\n", End::Answer, NOT_FOUND},
+        {"empty file", "GET /empty.txt HTTP/1.1\r\n", End::Answer, ok_answer(TEXT, "")},
+        {"escaped blank", "GET /a%20b.html HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "space")},
+        {"escaped NUL before a type", "GET /x.html%00.png HTTP/1.1\r\n", End::Answer, ok_answer("image/png", "x")},
+        {"escaped letter of the type", "GET /x.ht%6Dl HTTP/1.1\r\n", End::Answer, ok_answer(TEXT, "x")},
+        {"out of the folder", "GET /../index.html HTTP/1.1\r\n", End::Answer, ok_answer(HTML, "above")},
+        // Methods and versions are not looked at: a HEAD request gets the body too.
+        {"HEAD", "HEAD /x.html HTTP/9\r\n", End::Answer, ok_answer(HTML, "x")},
         {"headers past buffer-size", "GET /x.html HTTP/1.1\r\nHost: example\r\n\r\n", End::Answer, ok_answer(HTML, "x"), 24},
         {"no line end", "GET /x.html HTTP/1.1 extra words", End::Answer, ok_answer(HTML, "x")},
         {"NUL after the version", std::string("GET /x.html HTTP/1.1\0\r\n", 23), End::Answer, ok_answer(HTML, "x")},

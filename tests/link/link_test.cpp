@@ -13,11 +13,13 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "link/link.h"
 #include "qr/qr.h"
 #include "server/product.h"
+#include "support/heap_text.h"
 #include "support/temp_folder.h"
 
 namespace {
@@ -52,10 +54,8 @@ TEST(LinkPort, ReadsThePortAsTheServerDoesAndNeverWrites) {
         else if (c.json != NO_FILE) folder.write("package.json", c.json);
         WorkingFolder inside(folder.path());
         const LinkPort port = link_port_read();
-        EXPECT_EQ(port.setting, c.setting) << c.json;
-        EXPECT_EQ(port.source, c.source) << c.json;
-        EXPECT_EQ(port.is_number, c.number) << c.json;
-        EXPECT_EQ(link_bound_port(port.setting), c.bound) << c.json;
+        EXPECT_EQ(std::tuple(port.setting, port.source, port.is_number, link_bound_port(port.setting)),
+                  std::tuple(c.setting, c.source, c.number, c.bound)) << c.json;
         EXPECT_TRUE(c.json == NO_FILE || c.json == FOLDER || folder.read("package.json") == c.json) << c.json;
     }
 }
@@ -118,9 +118,7 @@ std::string printed_by(const std::function<void(FILE *)> &print) {
     FILE *out = open_memstream(&text, &length);
     print(out);
     fclose(out);
-    std::string copy(text, length);
-    free(text);
-    return copy;
+    return taken(text, length);
 }
 
 /// A printed code: its URL, the column that starts in, and the modules ('#' dark, '.' light) read from
@@ -183,24 +181,33 @@ std::vector<std::string> symbol_of(const std::string &url) {
     return rows;
 }
 
-TEST(LinkPrint, CodesSideBySideReadBackAsTheirSymbolsInTheirColumns) {
-    // Versions 1 and 2 (the largest a link takes) next to each other.
-    const char *urls[] = {"http://1.0.0.0:1/", "http://223.255.255.255:65535/", "http://192.168.1.20:8080/"};
-    for (int count = 1; count <= 3; ++count) {
-        const Printed read = read_printed(printed_by([&](FILE *out) { link_print_row(out, urls, count); }));
-        ASSERT_EQ(read.codes.size(), static_cast<size_t>(count));
-        size_t lines = 0;
-        for (int i = 0; i < count; ++i) {
-            const std::vector<std::string> symbol = symbol_of(urls[i]);
-            EXPECT_EQ(read.codes[i].url, urls[i]);
-            EXPECT_EQ(read.codes[i].column, i * 37u);
-            EXPECT_EQ(read.codes[i].rows, symbol) << urls[i];
-            EXPECT_LE(symbol.at(0).size(), 33u);
-            lines = std::max(lines, symbol.size() / 2);
-        }
-        EXPECT_EQ(read.widths.size(), 1 + lines);
-        EXPECT_TRUE(read.text.empty());
+/// Expects the codes read to be those of `urls` in this order, `per_row` to a row in slots 37 columns apart.
+void expect_codes(const Printed &read, const std::vector<std::string> &urls, size_t per_row) {
+    ASSERT_EQ(read.codes.size(), urls.size());
+    for (size_t i = 0; i < urls.size(); ++i) {
+        EXPECT_EQ(read.codes[i].url, urls[i]);
+        EXPECT_EQ(read.codes[i].column, i % per_row * 37);
+        EXPECT_EQ(read.codes[i].rows, symbol_of(urls[i])) << urls[i];
     }
+}
+
+/// `count` addresses `prefix`1, `prefix`2, ... as texts and as the pointers the printers take.
+struct Addresses {
+    std::vector<std::string> text;
+    std::vector<const char *> offered;
+    Addresses(const std::string &prefix, int count) : text(count), offered(count) {
+        for (int i = 0; i < count; ++i) text[i] = prefix + std::to_string(i + 1), offered[i] = text[i].c_str();
+    }
+};
+
+TEST(LinkPrint, CodesSideBySideReadBackAsTheirSymbolsInTheirColumns) {
+    // Versions 1 and 2 (the largest a link takes) next to each other: the shorter one ends first.
+    const char *urls[] = {"http://1.0.0.0:1/", "http://223.255.255.255:65535/", "http://192.168.1.20:8080/"};
+    const Printed read = read_printed(printed_by([&](FILE *out) { link_print_row(out, urls, 3); }));
+    expect_codes(read, {urls, urls + 3}, 3);
+    EXPECT_EQ(read.widths.size(), 1 + symbol_of(urls[1]).size() / 2);
+    EXPECT_EQ(symbol_of(urls[1]).at(0).size(), 33u);
+    EXPECT_TRUE(read.text.empty());
 }
 
 const std::string HEADING = LINK_SERVING_HEADING;
@@ -217,46 +224,30 @@ TEST(LinkPrint, ServingKeepsTheHeadingAndTheCodesThatFitInViewAndTheRestOnOneLin
         {SERVING, 3, 80, 5, 2, 2},              // too low for any: one row all the same
         {ALL, 5, 80, 24, 2, 5}, {ALL, 30, 120, 24, 3, 30},
     };
-    const LinkPort port{1010, LINK_PORT_NO_FILE, true};
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.count) + " on " + std::to_string(c.columns) + "x" + std::to_string(c.rows));
-        std::vector<std::string> addresses;
-        for (int i = 0; i < c.count; ++i) addresses.push_back("10.0.0." + std::to_string(i + 1));
-        std::vector<const char *> offered;
-        for (const std::string &a : addresses) offered.push_back(a.c_str());
+        const Addresses addresses("10.0.0.", c.count);
         const Printed read = read_printed(printed_by([&](FILE *out) {
-            link_print(out, c.mode, port, offered.data(), c.count, {c.columns, c.rows});
+            link_print(out, c.mode, {1010, LINK_PORT_NO_FILE, true}, addresses.offered.data(), c.count, {c.columns, c.rows});
         }));
-        ASSERT_EQ(read.codes.size(), static_cast<size_t>(c.shown));
-        for (int i = 0; i < c.shown; ++i) {
-            EXPECT_EQ(read.codes[i].url, "http://" + addresses[i] + ":1010/");
-            EXPECT_EQ(read.codes[i].column, i % c.per_row * 37u);
-            EXPECT_EQ(read.codes[i].rows, symbol_of(read.codes[i].url));
-        }
+        std::vector<std::string> urls;
+        for (int i = 0; i < c.shown; ++i) urls.push_back("http://" + addresses.text[i] + ":1010/");
+        expect_codes(read, urls, c.per_row);
         std::vector<std::string> text = {c.mode == ALL ? "package.json: not found; the server creates it with the default port 1010." : HEADING};
-        const int more = c.count - c.shown;
-        if (more > 0)
+        if (const int more = c.count - c.shown; more > 0)
             text.push_back(std::to_string(more) + (more == 1 ? " more link does" : " more links do") +
                            " not fit here; varnok-link in the served folder shows all " + std::to_string(c.count) + ".");
         EXPECT_EQ(read.text, text);
         EXPECT_EQ(read.widths.at(0), text[0].size());  // the first line
-        size_t lines = 0;
+        size_t lines = 0;  // as the terminal wraps them
         for (size_t width : read.widths) lines += c.columns && width > 0 ? (width + c.columns - 1) / c.columns : 1;
-        if (c.mode == SERVING && c.columns > 0 && c.rows >= 20) {
-            EXPECT_LT(lines, static_cast<size_t>(c.rows));
-        }
+        EXPECT_TRUE(c.mode == ALL || c.rows < 20 || lines < static_cast<size_t>(c.rows)) << lines << " lines";
+        EXPECT_LE(text.back().size(), 79u);
     }
-    for (const std::string &line : {HEADING, std::string("29 more links do not fit here; varnok-link in the served folder shows all 30.")})
-        EXPECT_LE(line.size(), 79u);
     // Instead of codes, one line: for no address (the command line's test has the port the system chooses).
     for (LinkMode mode : {ALL, SERVING})
         EXPECT_EQ(printed_by([&](FILE *out) { link_print(out, mode, {8080, LINK_PORT_FROM_FILE, true}, nullptr, 0, {80, 24}); }),
                   "No LAN address on this computer: connect it to a network, and the phone must join the same network.\n");
-}
-
-/// Columns a line of UTF-8 text takes: its bytes but the continuation bytes.
-size_t columns_of(const std::string &line) {
-    return std::count_if(line.begin(), line.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; });
 }
 
 TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRows) {
@@ -265,7 +256,7 @@ TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRo
     const struct { int count; std::string ca; int columns, rows, per_row, shown; bool heading, more; } cases[] = {
         {1, ca_short, 80, 24, 2, 1, true, false}, {2, ca_short, 80, 24, 2, 1, true, true},
         {3, ca_short, 80, 24, 2, 1, true, true}, {2, ca_short, 80, 23, 2, 1, false, true},
-        {1, ca_long, 80, 24, 2, 1, false, false},   // the CA's taller code leaves no room for the heading,
+        {1, ca_long, 80, 24, 2, 1, false, false},   // the CA's taller code (version 3) leaves no room for the heading,
         {2, ca_long, 80, 24, 2, 1, false, false},   // nor for the line on the other link
         {3, ca_short, 120, 24, 3, 2, true, true}, {5, ca_short, 80, 43, 2, 3, true, true},
         {5, ca_short, 80, 42, 2, 3, false, true}, {5, ca_short, 80, 41, 2, 1, true, true},
@@ -274,59 +265,39 @@ TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRo
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.count) + " with " + c.ca + " on " + std::to_string(c.columns) + "x" + std::to_string(c.rows));
-        std::vector<std::string> addresses;
-        for (int i = 0; i < c.count; ++i) addresses.push_back("192.168.1." + std::to_string(i + 1));
-        std::vector<const char *> offered;
-        for (const std::string &a : addresses) offered.push_back(a.c_str());
-        EXPECT_EQ(link_symbol_lines(c.ca.c_str()), c.ca == ca_long ? 19 : 17);  // versions 3 and 2
-        const LinkSecureLayout layout = link_secure_layout(c.count, link_symbol_lines(c.ca.c_str()), {c.columns, c.rows});
-        EXPECT_EQ(layout.per_row, c.per_row);
-        EXPECT_EQ(layout.shown, c.shown);
-        EXPECT_EQ(layout.heading, c.heading);
-        EXPECT_EQ(layout.more, c.more);
+        const Addresses addresses("192.168.1.", c.count);
         const Printed read = read_printed(printed_by([&](FILE *out) {
-            link_print_secure(out, {8081, c.ca.c_str(), fingerprint.c_str()}, offered.data(), c.count, {c.columns, c.rows});
+            link_print_secure(out, {8081, c.ca.c_str(), fingerprint.c_str()}, addresses.offered.data(), c.count, {c.columns, c.rows});
         }));
-        ASSERT_EQ(read.codes.size(), static_cast<size_t>(c.shown + 1));
-        for (int i = 0; i <= c.shown; ++i) {
-            const std::string url = i < c.shown ? "https://" + addresses[i] + ":8081/" : c.ca;
-            EXPECT_EQ(read.codes[i].url, url);
-            EXPECT_EQ(read.codes[i].column, i % c.per_row * 37u);
-            EXPECT_EQ(read.codes[i].rows, symbol_of(url));
-        }
+        std::vector<std::string> urls;
+        for (int i = 0; i < c.shown; ++i) urls.push_back("https://" + addresses.text[i] + ":8081/");
+        urls.push_back(c.ca);
+        expect_codes(read, urls, c.per_row);
         std::vector<std::string> text = {"CA SHA-256: " + fingerprint, LINK_SECURE_IOS, LINK_SECURE_ANDROID};
         if (c.heading) text.insert(text.begin(), LINK_SECURE_HEADING);
-        if (c.more) {
-            std::string line = "Also over https on port 8081 at:";
-            for (int i = c.shown; i < c.count; ++i) line += (i > c.shown ? ", " : " ") + addresses[i];
-            // Four addresses would take 83 columns: three, and a mark that more follow.
-            text.push_back(line.size() <= 79 ? line : "Also over https on port 8081 at: 192.168.1.2, 192.168.1.3, 192.168.1.4, ...");
-        }
+        std::string more = "Also over https on port 8081 at:";
+        for (int i = c.shown; i < c.count; ++i) more += (i > c.shown ? ", " : " ") + addresses.text[i];
+        // Four addresses would take 83 columns: three, and a mark that more follow.
+        if (c.more) text.push_back(more.size() <= 79 ? more : "Also over https on port 8081 at: 192.168.1.2, 192.168.1.3, 192.168.1.4, ...");
         EXPECT_EQ(read.text, text);
-        if (c.columns > 0 && c.rows >= 20) {
-            EXPECT_LT(read.widths.size(), static_cast<size_t>(c.rows));
-        }
+        EXPECT_TRUE(c.columns == 0 || c.rows < 20 || read.widths.size() < static_cast<size_t>(c.rows)) << read.widths.size() << " lines";
     }
-    for (const char *line : {LINK_SECURE_HEADING, LINK_SECURE_IOS, LINK_SECURE_ANDROID})
-        EXPECT_LE(columns_of(line), 79u) << line;
-    // Eight of the longest addresses: as many as fit, then a mark that more follow.
-    std::vector<std::string> longest(8, "192.168.100.200");
-    std::vector<const char *> eight;
-    for (const std::string &a : longest) eight.push_back(a.c_str());
-    const Printed many = read_printed(printed_by([&](FILE *out) {
-        link_print_secure(out, {65535, ca_short.c_str(), fingerprint.c_str()}, eight.data(), 8, {80, 24});
-    }));
-    EXPECT_EQ(many.text.back(), "Also over https on port 65535 at: 192.168.100.200, 192.168.100.200, ...");
+    for (const std::string line : {LINK_SECURE_HEADING, LINK_SECURE_IOS, LINK_SECURE_ANDROID})  // columns: bytes but UTF-8 continuations
+        EXPECT_LE(std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xC0) != 0x80; }), 79) << line;
+    // The longest addresses and port: as many as fit, then a mark that more follow.
+    const std::vector<const char *> longest(8, "192.168.100.200");
+    EXPECT_EQ(read_printed(printed_by([&](FILE *out) {
+        link_print_secure(out, {65535, ca_short.c_str(), fingerprint.c_str()}, longest.data(), 8, {80, 24});
+    })).text.back(), "Also over https on port 65535 at: 192.168.100.200, 192.168.100.200, ...");
     EXPECT_EQ(printed_by([&](FILE *out) { link_print_secure(out, {8081, ca_short.c_str(), fingerprint.c_str()}, nullptr, 0, {80, 24}); }),
               "No private LAN address (10.x, 172.16-31.x, 192.168.x) on this computer, so no https link.\n");
 }
 
 TEST(LinkSecure, FingerprintsAndPrivateAddresses) {
     const std::string hex = "0123456789ABCDEF0123456789ABCDEF0123456789ABCDEF0123456789ABCDEF";
-    std::string pairs;
+    std::string pairs, lower;
     for (size_t i = 0; i < hex.size(); i += 2) pairs += (i ? ":" : "") + hex.substr(i, 2);
-    std::string lower = hex;
-    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    for (char c : hex) lower += static_cast<char>(tolower(c));
     const struct { std::string text; bool valid; } fingerprints[] = {
         {hex, true}, {pairs, true}, {lower, true}, {hex.substr(1), false}, {hex + "0", false}, {"", false},
         {":" + pairs, false}, {pairs + ":", false}, {"0:" + hex.substr(1), false}, {"01::" + hex.substr(2), false},
@@ -335,10 +306,9 @@ TEST(LinkSecure, FingerprintsAndPrivateAddresses) {
     for (const auto &f : fingerprints) {
         char out[LINK_FINGERPRINT_SIZE] = "";
         EXPECT_EQ(link_fingerprint_parse(f.text.c_str(), out), f.valid) << f.text;
-        if (f.valid) {
-            EXPECT_EQ(out, hex) << f.text;
-        }
+        EXPECT_EQ(out, f.valid ? hex : std::string(out)) << f.text;
     }
+    // The bounds of the private ranges and their neighbours, in a list that keeps its private ones in order.
     const struct { const char *address; bool is_private; } addresses[] = {
         {"10.0.0.0", true}, {"10.255.255.255", true}, {"9.255.255.255", false}, {"11.0.0.0", false},
         {"172.15.255.255", false}, {"172.16.0.0", true}, {"172.31.255.255", true}, {"172.32.0.0", false},
@@ -346,13 +316,13 @@ TEST(LinkSecure, FingerprintsAndPrivateAddresses) {
         {"8.8.8.8", false}, {"203.0.113.9", false}, {"127.0.0.1", false}, {"169.254.1.1", false}, {"not an address", false},
     };
     std::vector<const char *> all;
+    std::vector<std::string> kept;
     for (const auto &a : addresses) {
         EXPECT_EQ(link_address_is_private(a.address), a.is_private) << a.address;
         all.push_back(a.address);
+        if (a.is_private) kept.push_back(a.address);
     }
-    const int kept = link_keep_private(all.data(), static_cast<int>(all.size()));
-    EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + kept),
-              (std::vector<std::string>{"10.0.0.0", "10.255.255.255", "172.16.0.0", "172.31.255.255", "192.168.0.0", "192.168.255.255"}));
+    EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + link_keep_private(all.data(), static_cast<int>(all.size()))), kept);
 }
 
 struct Ran { int status; std::string out, err; };
@@ -374,20 +344,18 @@ TEST(LinkCommand, OptionsFoldersAndMistakes) {
     folder.write("low/package.json", "{\"varnok\": {\"port\": -1}}");
     std::filesystem::create_directory(folder / "none");
     const std::string system = "The port setting 0 leaves the choice of port to the system, so no link can be known before the server starts.\n";
-    const struct { std::string arguments; int status; std::string out; } cases[] = {
+    const auto https = [](const std::string &port, const std::string &ca = "http://10.0.0.1:8082/ca.crt", size_t digits = 64) {
+        return "--serving --https " + port + " --ca-url " + ca + " --fingerprint " + std::string(digits, 'a');
+    };
+    const struct { std::string arguments; int status; std::string out = ""; } cases[] = {
         {"--version", 0, std::string("varnok-link ") + PRODUCT_SERVER_VERSION + "\n"},
         {"--port", 0, "9000\n"}, {"--port none", 0, "1010\n"}, {"--port text", 0, "0\n"}, {"--port low", 0, "65535\n"},
         {"--serving text", 0, system},
         {"text", 0, "package.json: the port setting is not a number, so the server takes it as 0.\n" + system},
-        {"--port missing", 2, ""}, {"low text", 2, ""}, {"--port --serving", 2, ""}, {"--ports", 2, ""}, {"-p", 2, ""},
-        {"--addresses --port", 2, ""}, {"--serving --https", 2, ""}, {"--serving --https 8081", 2, ""},
-        {"--https 8081 --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
-        {"--serving --https 0 --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
-        {"--serving --https 65536 --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
-        {"--serving --https 8081x --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
-        {"--serving --https 8081 --ca-url https://10.0.0.1:8082/ca.crt --fingerprint " + std::string(64, 'a'), 2, ""},
-        {"--serving --https 8081 --ca-url http://10.0.0.1:8082/" + std::string(90, 'c') + " --fingerprint " + std::string(64, 'a'), 2, ""},
-        {"--serving --https 8081 --ca-url http://10.0.0.1:8082/ca.crt --fingerprint " + std::string(63, 'a'), 2, ""},
+        {"--port missing", 2}, {"low text", 2}, {"--port --serving", 2}, {"--ports", 2}, {"-p", 2}, {"--addresses --port", 2},
+        {"--serving --https", 2}, {"--serving --https 8081", 2}, {https("8081").substr(10), 2}, {https("0"), 2},
+        {https("65536"), 2}, {https("8081x"), 2}, {https("8081", "https://10.0.0.1:8082/ca.crt"), 2},
+        {https("8081", "http://10.0.0.1:8082/" + std::string(90, 'c')), 2}, {https("8081", "http://10.0.0.1:8082/ca.crt", 63), 2},
     };
     for (const auto &c : cases) {
         const Ran run = run_link(folder, c.arguments);
