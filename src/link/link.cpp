@@ -7,6 +7,7 @@
 #include <ifaddrs.h>
 #include <net/route.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -202,9 +203,15 @@ LinkPort link_port_read()
     const int descriptor = open("package.json", O_RDONLY | O_CLOEXEC);
     if (descriptor < 0)
         return port_default(errno == ENOENT ? LINK_PORT_NO_FILE : LINK_PORT_UNREADABLE);
-    std::array<char, SETTINGS_READ_SIZE + 1> text{};
-    const ssize_t count = read(descriptor, text.data(), SETTINGS_READ_SIZE);
+    const LinkPort port = link_port_read_from(descriptor);
     close(descriptor);
+    return port;
+}
+
+LinkPort link_port_read_from(int descriptor)
+{
+    std::array<char, SETTINGS_READ_SIZE + 1> text{};
+    const ssize_t count = pread(descriptor, text.data(), SETTINGS_READ_SIZE, 0);
     if (count < 0)
         return port_default(LINK_PORT_UNREADABLE);
     if (text[0] == '\0')
@@ -215,6 +222,14 @@ LinkPort link_port_read()
     const LinkPort port = port_from_tree(root);
     cJSON_Delete(root);
     return port;
+}
+
+LinkScreen link_screen_of(int fd)
+{
+    winsize size{};
+    if (!isatty(fd) || ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+        return {0, 0};
+    return {size.ws_col, size.ws_row};
 }
 
 uint16_t link_bound_port(int32_t setting)

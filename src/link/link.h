@@ -83,6 +83,8 @@ constexpr const char *LINK_SECURE_ANDROID =
 
 /// Reads the port from package.json in the working folder as the server does, without writing it.
 LinkPort link_port_read();
+/// The same from the start of the open `descriptor` (read with pread: its offset does not move).
+LinkPort link_port_read_from(int descriptor);
 /// The port the server binds for a setting: its low 16 bits (0: the system picks one).
 uint16_t link_bound_port(int32_t setting);
 /// Stores in `out` the slot texts the pairing code offers, in the same order; returns their count.
@@ -107,6 +109,8 @@ int link_default_route_interface(const char *route_table, char *name);
 void link_put_interface_first(const char **offered, int count, const ifaddrs *head, const char *interface);
 /// The offered addresses, those of the default route's interface first; returns their count.
 int link_ordered_addresses(char *const *slots, int32_t slot_count, const char **out);
+/// The size of the terminal on `fd`; 0 x 0 when it is a file or a pipe.
+LinkScreen link_screen_of(int fd);
 /// Where `count` links go on `screen`; `mode` LINK_MODE_SERVING keeps them within its rows.
 LinkLayout link_layout(int count, LinkScreen screen, LinkMode mode);
 /// Where `count` https links and a CA code of `ca_lines` lines go on `screen`, with the three lines of text

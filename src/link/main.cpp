@@ -1,6 +1,5 @@
 // varnok-link: prints the links at which a phone opens the served folder, each as a QR symbol, laid out
 // for the terminal; or the port the server will bind, for the launcher.
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -53,16 +52,6 @@ int usage_error(const char *what, const char *argument)
     return 2;
 }
 
-/// The terminal's size when standard output is one; 0 x 0 for a file or a pipe.
-LinkScreen screen_of_stdout()
-{
-    winsize size{};
-    if (!isatty(STDOUT_FILENO) || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 ||
-        size.ws_row == 0)
-        return {0, 0};
-    return {size.ws_col, size.ws_row};
-}
-
 /// Prints what `task` asks for about the ordered addresses; `secure` is set for the https links.
 int print_links(Task task, const LinkSecure *secure)
 {
@@ -83,10 +72,10 @@ int print_links(Task task, const LinkSecure *secure)
         for (int i = 0; i < count; ++i)
             printf("%s\n", offered[i]);
     else if (secure != nullptr)
-        link_print_secure(stdout, *secure, offered.data(), count, screen_of_stdout());
+        link_print_secure(stdout, *secure, offered.data(), count, link_screen_of(STDOUT_FILENO));
     else
         link_print(stdout, task == TASK_SERVING ? LINK_MODE_SERVING : LINK_MODE_ALL, link_port_read(), offered.data(),
-                   count, screen_of_stdout());
+                   count, link_screen_of(STDOUT_FILENO));
     for (char *slot : slots)
         free(slot);
     return 0;
