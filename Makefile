@@ -6,7 +6,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       := $(shell nproc)
 
-.PHONY: all deps build build-asan run package test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link test-https test-as-user bench-quick clean
+.PHONY: all deps build build-asan run package test test-unit test-asan test-clients test-hardening test-fuzz test-serve test-follow test-link test-https test-as-user bench-quick clean
 
 all: build
 
@@ -42,6 +42,12 @@ test-clients: build
 test-link: build
 	@scripts/install-deps link
 	tests/link/run $(BUILD)
+
+# varnok-serve following the network in a namespace: a table of changes, followed or left alone, with a
+# client asking throughout (as root, or with sudo -n).
+test-follow: build
+	@scripts/install-deps serve
+	tests/serve/follow $(BUILD)
 
 # varnok-serve --https in a network namespace: certificates, the TLS front, hostile clients, the screen,
 # and the three engines trusting the CA (as root, or with sudo -n).
@@ -80,7 +86,7 @@ test-as-user: build
 package:
 	scripts/build-package
 
-test: test-unit test-asan test-clients test-hardening test-fuzz test-serve test-link test-https
+test: test-unit test-asan test-clients test-hardening test-fuzz test-serve test-follow test-link test-https
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz build-deb examples/varnok-http-server

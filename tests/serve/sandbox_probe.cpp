@@ -1,5 +1,8 @@
 // Put in the server's place by tests/serve/run: prints what the sandbox lets it have and do, a line each,
 // then ends. The port of a listener outside comes from "probe-port" in package.json.
+// Put in the HTTPS front's place by tests/https/run (where /front/haproxy.cfg names the server's port), it
+// ends with 100 plus what it could do: 1 connect to the server's port + 10, 2 not connect to the server's
+// port, 4 hold more than descriptors 0 to 4, 8 bind a TCP port.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -26,17 +29,42 @@ int connect_to(int family, int type, uint16_t port)
     return connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
 }
 
-int bind_low()
+int bind_to(uint16_t port)
 {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{AF_INET, htons(80), {htonl(INADDR_ANY)}, {}};
+    sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_ANY)}, {}};
     return fd < 0 ? -1 : bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+}
+
+int highest_descriptor()
+{
+    int highest = -1;
+    for (int fd = 0; fd < 1024; ++fd)
+        if (fcntl(fd, F_GETFD) != -1)
+            highest = fd;
+    return highest;
+}
+
+/// The front's outcome, from the server's port in its configuration.
+int as_front(FILE *config)
+{
+    char line[256];
+    unsigned port = 0;
+    while (fgets(line, sizeof line, config) != nullptr)
+        if (const char *found = strstr(line, "server plain 127.0.0.1:"))
+            sscanf(found + 23, "%u", &port);
+    fclose(config);
+    const int fds = highest_descriptor() > 4;
+    return 100 + (connect_to(AF_INET, SOCK_STREAM, port + 10) == 0) + 2 * (connect_to(AF_INET, SOCK_STREAM, port) != 0) +
+           4 * fds + 8 * (bind_to(0) == 0);
 }
 
 } // namespace
 
 int main()
 {
+    if (FILE *config = fopen("/front/haproxy.cfg", "r"))
+        return as_front(config);
     unsigned port = 0;
     char text[4096] = "";
     if (FILE *settings = fopen("package.json", "r")) {
@@ -53,7 +81,7 @@ int main()
     printf("probe send udp: %s\n", outcome(socket(AF_INET, SOCK_DGRAM, 0) < 0 ? -1 : 0));
     printf("probe unix socket: %s\n", outcome(socket(AF_UNIX, SOCK_STREAM, 0) < 0 ? -1 : 0));
     printf("probe ipv6 socket: %s\n", outcome(socket(AF_INET6, SOCK_STREAM, 0) < 0 ? -1 : 0));
-    printf("probe bind 80: %s\n", outcome(bind_low()));
+    printf("probe bind 80: %s\n", outcome(bind_to(80)));
     printf("probe home: %s\n", outcome(access("/home", F_OK)));
     return 0;
 }
