@@ -170,6 +170,25 @@ void find_programs()
     }
 }
 
+/// The owner that stands for every user outside this user namespace, when the launcher runs in one (the
+/// system's own files are among them); else -1.
+uid_t outside_owner()
+{
+    char map[128] = "";
+    FILE *file = fopen("/proc/self/uid_map", "re");
+    const bool initial = file == nullptr || fgets(map, sizeof map, file) == nullptr ||
+                         strcmp(map, "         0          0 4294967295\n") == 0;
+    if (file != nullptr)
+        fclose(file);
+    unsigned overflow = 65534;
+    if (FILE *value = fopen("/proc/sys/kernel/overflowuid", "re")) {
+        if (fscanf(value, "%u", &overflow) != 1)
+            overflow = 65534;
+        fclose(value);
+    }
+    return initial ? static_cast<uid_t>(-1) : overflow;
+}
+
 /// Walks the folder's path and picks who serves it; the folder's O_PATH descriptor.
 int resolve_folder()
 {
@@ -178,6 +197,10 @@ int resolve_folder()
     const int path_fd = serve_path_walk(launcher.options.folder, &steps, &launcher.folder, &error);
     if (path_fd < 0)
         fail(error);
+    // In a user namespace, root's files show as the overflow owner: they are the system's still.
+    for (PathStep &step : steps)
+        if (step.owner == outside_owner() && geteuid() != 0)
+            step.owner = 0;
     if (geteuid() != 0)
         launcher.user = serve_user_self();
     else if (serve_user_for(steps.back().owner, &launcher.user, &error) != 0)
