@@ -5,12 +5,36 @@
 #include <sys/mman.h>
 
 #include <cstdio>
+#include <vector>
 
 #include "e2e/server_process.h"
 
 namespace {
 
 constexpr int RESTART_STATUS = 75;
+
+/// Environment variables set for as long as it lives, then put back as they were.
+struct ScopedVariables {
+    using Values = std::vector<std::pair<std::string, std::string>>;
+    explicit ScopedVariables(const Values &values)
+    {
+        for (const auto &[name, value] : values) {
+            const char *previous = getenv(name.c_str());
+            previous_.emplace_back(name, previous != nullptr ? std::optional<std::string>(previous) : std::nullopt);
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+    }
+    ~ScopedVariables()
+    {
+        for (const auto &[name, previous] : previous_)
+            previous ? setenv(name.c_str(), previous->c_str(), 1) : unsetenv(name.c_str());
+    }
+    ScopedVariables(const ScopedVariables &) = delete;
+    ScopedVariables &operator=(const ScopedVariables &) = delete;
+
+private:
+    std::vector<std::pair<std::string, std::optional<std::string>>> previous_;
+};
 
 /// What the launcher hands the server: the held listening socket, the ready pair, the control memfd.
 struct Launcher {
@@ -39,15 +63,14 @@ struct Launcher {
     void start(Site &site, int setting_port)
     {
         site.folder.write("package.json", "{\"varnok\":{\"port\":" + std::to_string(setting_port) + "}}");
-        const std::pair<const char *, int> names[] = {
-            {"VARNOK_HELD_FD", held}, {"VARNOK_READY_FD", ready[1]}, {"VARNOK_CONTROL_FD", control_fd}};
-        for (const auto &[name, fd] : names)
-            setenv(name, std::to_string(fd).c_str(), 1);
-        setenv("LD_PRELOAD", VARNOK_HELD_PORT_LIBRARY, 1);
+        const char *asan = getenv("ASAN_OPTIONS");
+        // The sanitizer build's server carries AddressSanitizer, whose runtime would rather load first.
+        const ScopedVariables variables({{"VARNOK_HELD_FD", std::to_string(held)},
+                                         {"VARNOK_READY_FD", std::to_string(ready[1])},
+                                         {"VARNOK_CONTROL_FD", std::to_string(control_fd)},
+                                         {"LD_PRELOAD", VARNOK_HELD_PORT_LIBRARY},
+                                         {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}});
         site.server.emplace(site.folder.path() / "www", site.folder.path());
-        for (const auto &[name, fd] : names)
-            unsetenv(name);
-        unsetenv("LD_PRELOAD");
     }
 
     /// The byte the server sent on the ready pair within `milliseconds`, or 0.
