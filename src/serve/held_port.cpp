@@ -85,7 +85,8 @@ bool binds_held_port(int fd, const sockaddr *address, socklen_t length, int held
     if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &type_length) != 0 || type != SOCK_STREAM)
         return false;
     const int requested = reinterpret_cast<const sockaddr_in *>(address)->sin_port;
-    return requested == 0 || requested == ipv4_port(held);
+    const int held_port = ipv4_port(held);
+    return held_port >= 0 && (requested == 0 || requested == held_port);
 }
 
 /// Maps the first page of the control memfd read-only and shared, or null.
