@@ -345,6 +345,10 @@ std::vector<std::string> server_command()
 void start_server()
 {
     static const std::vector<std::string> command = server_command();
+    // The owner may change the setting while it serves; the server would then bind a port nobody holds.
+    const uint16_t port = link_bound_port(link_port_read_from(launcher.settings.settings_fd).setting);
+    if (port != link_bound_port(launcher.settings.port.setting))
+        fail("the port setting is now " + std::to_string(port) + ": start varnok-serve again to serve it; stopping", 1);
     int output[2], ready[2];
     if (pipe2(output, O_CLOEXEC) != 0 || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ready) != 0)
         fail("cannot make the server's pipes");
@@ -410,12 +414,8 @@ void server_ended(int status)
     }
     if (code > 128 && !launcher.ever_listened)
         fail("the server ended by " + signal_text(code - 128) + ") before it listened; stopping");
-    if (code == 0) {
-        const uint16_t now = link_bound_port(link_port_read_from(launcher.settings.settings_fd).setting);
-        if (now != launcher.plain.port && link_bound_port(launcher.settings.port.setting) != 0)
-            fail("the port setting is now " + std::to_string(now) + ": start varnok-serve again to serve it; stopping", 1);
+    if (code == 0)
         fail("the server could not listen on port " + std::to_string(launcher.plain.port) + " (status 0); stopping", 1);
-    }
     if (code < 128)
         fail("the sandbox could not start the server (status " + std::to_string(code) + "); stopping");
     launcher.quick_ends = now_ms() - launcher.started < SERVE_QUICK_RUN_MS ? launcher.quick_ends + 1 : 0;
