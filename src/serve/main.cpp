@@ -425,8 +425,7 @@ void server_ended(int status)
         say("the server ended by " + cause + "; starting it again");
     else
         say("the server ended by " + cause + ", " + std::to_string(launcher.quick_ends) +
-            " times in a row within 1 s of a start; starting it again in " + std::to_string(pause / 1000.0).substr(0, 4) +
-            " s");
+            " times in a row within 1 s of a start; starting it again in " + std::to_string(pause) + " ms");
     launcher.next_start = now_ms() + pause;
 }
 

@@ -154,15 +154,13 @@ void serve_shown(std::string_view text, std::string *out)
 
 int serve_pause_ms(int quick_ends)
 {
-    // The first quick end costs nothing: the server is back within a few hundredths of a second, and a
-    // client that ends it once a second costs the others no answer. Quick ends in a row then wait 50, 100,
-    // 200 ms, and at most 250 ms: ten ends a second then cost at most four starts a second (a start takes
-    // the sandbox and the server about 20 ms of CPU), while the connections that wait in the held
-    // socket's backlog are answered within a quarter of a second of each start.
-    if (quick_ends <= 1)
-        return 0;
-    const int pause = 50 << (quick_ends > 4 ? 3 : quick_ends - 2);
-    return pause > 250 ? 250 : pause;
+    // A client ends the server with a cut request line as often as it likes, and the connections behind
+    // each one wait in the held socket's backlog. The first quick end costs nothing. After that each start
+    // waits 25 ms: a start takes the sandbox and the server about 50 ms and 15 ms of CPU, so starts stay
+    // below about 13 a second and 20 % of a core, yet above the ten ends a second that a client may send,
+    // so that the backlog is worked off and the other clients are answered between the ends. A longer
+    // pause would let such a client fill the backlog, and every other client would wait behind it.
+    return quick_ends <= 1 ? 0 : 25;
 }
 
 ServeFollow serve_follow(const char *const *served, int served_count, const char *const *now, int now_count)
