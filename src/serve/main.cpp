@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -102,16 +103,24 @@ void say(const std::string &text)
     (void)!write(STDERR_FILENO, line.data(), line.size());
 }
 
+/// Ends every process under the launcher and waits, a second at most, until all are gone: the sandbox's
+/// inner processes come to the launcher (a subreaper) as their parents end, so once none is left no
+/// server of this run holds the port any more.
 void end_children()
 {
     for (pid_t front : launcher.fronts_ending)
         kill(front, SIGKILL);
-    for (pid_t *child : {&launcher.server, &launcher.front})
-        if (*child > 0) {
-            kill(*child, SIGKILL);
-            waitpid(*child, nullptr, 0);
-            *child = -1;
-        }
+    for (pid_t child : {launcher.server, launcher.front})
+        if (child > 0)
+            kill(child, SIGKILL);
+    launcher.server = launcher.front = -1;
+    for (const long deadline = now_ms() + 1000; now_ms() < deadline;) {
+        const pid_t pid = waitpid(-1, nullptr, WNOHANG);
+        if (pid < 0 && errno == ECHILD)
+            break;
+        if (pid == 0)
+            usleep(2000);
+    }
 }
 
 [[noreturn]] void fail(const std::string &text, int status = 2)
@@ -644,6 +653,7 @@ int main(int argc, char **argv)
     if (launcher.options.task == SERVE_TASK_VERSION)
         return printf("varnok-serve %s\n", PRODUCT_SERVER_VERSION), 0;
     watch_signals();
+    prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     find_programs();
     const int path_fd = resolve_folder();
     if (serve_settings_take(path_fd, launcher.folder, launcher.user, geteuid() != 0, &launcher.settings, &error) != 0)
