@@ -340,6 +340,9 @@ std::vector<std::string> server_command()
                                      "--setenv", "LD_PRELOAD", launcher.preload, "--setenv", "VARNOK_HELD_FD", "3",
                                      "--setenv", "VARNOK_READY_FD", "4", "--setenv", "VARNOK_CONTROL_FD", "5"};
     std::vector<std::string> files{launcher.program, launcher.preload};
+    if (access(launcher.program.c_str(), R_OK) != 0 || access(launcher.preload.c_str(), R_OK) != 0)
+        fail(launcher.program + " cannot be read by " + launcher.user.name +
+             ", who would serve the folder: install the package, or build where that user may read");
     if (serve_program_files(launcher.program, &files) != 0 || serve_program_files(launcher.preload, &files) != 0)
         fail("the libraries of " + launcher.program + " cannot be found");
     serve_sandbox_binds(files, &command);
