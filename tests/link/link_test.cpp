@@ -188,14 +188,13 @@ void expect_codes(const Printed &read, const std::vector<std::string> &urls, siz
     }
 }
 
-/// `count` addresses `prefix`1, `prefix`2, ... as texts and as the pointers the printers take.
-struct Addresses {
-    std::vector<std::string> text;
-    std::vector<const char *> offered;
-    Addresses(const std::string &prefix, int count) : text(count), offered(count) {
-        for (int i = 0; i < count; ++i) text[i] = prefix + std::to_string(i + 1), offered[i] = text[i].c_str();
-    }
-};
+/// What `print` writes for the `count` addresses `prefix`1, `prefix`2, ... it is offered, read back.
+Printed printed_for(const std::string &prefix, int count, const std::function<void(FILE *, const char **)> &print) {
+    std::vector<std::string> text(count);
+    std::vector<const char *> offered(count);
+    for (int i = 0; i < count; ++i) text[i] = prefix + std::to_string(i + 1), offered[i] = text[i].c_str();
+    return read_printed(printed_by([&](FILE *out) { print(out, offered.data()); }));
+}
 
 TEST(LinkPrint, CodesSideBySideReadBackAsTheirSymbolsInTheirColumns) {
     // Versions 1 and 2 (the largest a link takes) next to each other: the shorter one ends first.
@@ -223,12 +222,11 @@ TEST(LinkPrint, ServingKeepsTheHeadingAndTheCodesThatFitInViewAndTheRestOnOneLin
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.count) + " on " + std::to_string(c.columns) + "x" + std::to_string(c.rows));
-        const Addresses addresses("10.0.0.", c.count);
-        const Printed read = read_printed(printed_by([&](FILE *out) {
-            link_print(out, c.mode, {1010, LINK_PORT_NO_FILE, true}, addresses.offered.data(), c.count, {c.columns, c.rows});
-        }));
+        const Printed read = printed_for("10.0.0.", c.count, [&](FILE *out, const char **offered) {
+            link_print(out, c.mode, {1010, LINK_PORT_NO_FILE, true}, offered, c.count, {c.columns, c.rows});
+        });
         std::vector<std::string> urls;
-        for (int i = 0; i < c.shown; ++i) urls.push_back("http://" + addresses.text[i] + ":1010/");
+        for (int i = 1; i <= c.shown; ++i) urls.push_back("http://10.0.0." + std::to_string(i) + ":1010/");
         expect_codes(read, urls, c.per_row);
         std::vector<std::string> text = {c.mode == ALL ? "package.json: not found; the server creates it with the default port 1010." : HEADING};
         if (const int more = c.count - c.shown; more > 0)
@@ -262,18 +260,17 @@ TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRo
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.count) + " with " + c.ca + " on " + std::to_string(c.columns) + "x" + std::to_string(c.rows));
-        const Addresses addresses("192.168.1.", c.count);
-        const Printed read = read_printed(printed_by([&](FILE *out) {
-            link_print_secure(out, {8081, c.ca.c_str(), fingerprint.c_str()}, addresses.offered.data(), c.count, {c.columns, c.rows});
-        }));
+        const Printed read = printed_for("192.168.1.", c.count, [&](FILE *out, const char **offered) {
+            link_print_secure(out, {8081, c.ca.c_str(), fingerprint.c_str()}, offered, c.count, {c.columns, c.rows});
+        });
         std::vector<std::string> urls;
-        for (int i = 0; i < c.shown; ++i) urls.push_back("https://" + addresses.text[i] + ":8081/");
+        for (int i = 1; i <= c.shown; ++i) urls.push_back("https://192.168.1." + std::to_string(i) + ":8081/");
         urls.push_back(c.ca);
         expect_codes(read, urls, c.per_row);
         std::vector<std::string> text = {"CA SHA-256: " + fingerprint, LINK_SECURE_IOS, LINK_SECURE_ANDROID};
         if (c.heading) text.insert(text.begin(), LINK_SECURE_HEADING);
         std::string more = "Also over https on port 8081 at:";
-        for (int i = c.shown; i < c.count; ++i) more += (i > c.shown ? ", " : " ") + addresses.text[i];
+        for (int i = c.shown + 1; i <= c.count; ++i) more += std::string(i > c.shown + 1 ? ", " : " ") + "192.168.1." + std::to_string(i);
         // Four addresses would take 83 columns: three, and a mark that more follow.
         if (c.more) text.push_back(more.size() <= 79 ? more : "Also over https on port 8081 at: 192.168.1.2, 192.168.1.3, 192.168.1.4, ...");
         EXPECT_EQ(read.text, text);
@@ -312,14 +309,13 @@ TEST(LinkSecure, FingerprintsAndPrivateAddresses) {
         {"192.167.255.255", false}, {"192.168.0.0", true}, {"192.168.255.255", true}, {"192.169.0.0", false},
         {"8.8.8.8", false}, {"203.0.113.9", false}, {"127.0.0.1", false}, {"169.254.1.1", false}, {"not an address", false},
     };
-    std::vector<const char *> all;
-    std::vector<std::string> kept;
+    std::vector<const char *> all, kept;  // the same pointers: those of the table
     for (const auto &a : addresses) {
         EXPECT_EQ(link_address_is_private(a.address), a.is_private) << a.address;
         all.push_back(a.address);
         if (a.is_private) kept.push_back(a.address);
     }
-    EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + link_keep_private(all.data(), static_cast<int>(all.size()))), kept);
+    EXPECT_EQ(std::vector(all.begin(), all.begin() + link_keep_private(all.data(), static_cast<int>(all.size()))), kept);
 }
 
 struct Ran { int status; std::string out, err; };
