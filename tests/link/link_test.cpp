@@ -26,27 +26,26 @@ namespace {
 
 constexpr const char *NO_FILE = "(no file)", *FOLDER = "(a folder)";
 
+/// package.json with `value` as the port setting.
+std::string with_port(const std::string &value) { return "{\"varnok\": {\"port\": " + value + "}}"; }
+
 TEST(LinkPort, ReadsThePortAsTheServerDoesAndNeverWrites) {
-    // The bound port is what --port prints for the launcher: the low 16 bits of the setting.
-    const struct { std::string json; int32_t setting; LinkPortSource source; uint16_t bound; bool number = true; } cases[] = {
-        {NO_FILE, 1010, LINK_PORT_NO_FILE, 1010}, {FOLDER, 1010, LINK_PORT_UNREADABLE, 1010},
-        {"", 1010, LINK_PORT_EMPTY, 1010}, {std::string("\0{}", 3), 1010, LINK_PORT_EMPTY, 1010},
-        {"{\"varnok\": {\"port\": 80", 1010, LINK_PORT_NOT_JSON, 1010},
-        {"{}", 1010, LINK_PORT_NO_SETTINGS, 1010}, {"{\"varnok\": 8080}", 1010, LINK_PORT_NO_SETTINGS, 1010},
-        {"{\"game\": {\"varnok\": {\"port\": 7000}}}", 1010, LINK_PORT_NO_SETTINGS, 1010},
-        {"{\"varnok\": {\"main-file\": \"a.html\"}}", 1010, LINK_PORT_NO_PORT, 1010},
-        {"{\"VARNOK\": {\"Port\": 80}} trailing words", 80, LINK_PORT_FROM_FILE, 80},
-        {"{\"varnok\": {\"port\": 1, \"port\": 2}}", 1, LINK_PORT_FROM_FILE, 1},
-        {"{\"other\": {\"port\": 9}, \"varnok\": {\"port\": 8080.9}}", 8080, LINK_PORT_FROM_FILE, 8080},
-        {"{\"varnok\": {\"rootdir\": \"a}b\", \"port\": 9000}}", 9000, LINK_PORT_FROM_FILE, 9000},
-        {"{\"varnok\": {\"port\": 8.08e3}}", 8080, LINK_PORT_FROM_FILE, 8080},
-        {"{\"varnok\": {\"port\": 9000}, \"game\": {\"varnok\": {\"port\": 7000}}}", 9000, LINK_PORT_FROM_FILE, 9000},
-        {"{\"varnok\": {\"port\": 70000}}", 70000, LINK_PORT_FROM_FILE, 4464},
-        {"{\"varnok\": {\"port\": -1}}", -1, LINK_PORT_FROM_FILE, 65535},
-        {"{\"varnok\": {\"port\": 4294975376}}", 2147483647, LINK_PORT_FROM_FILE, 65535},  // 2^32 + 8080
-        {"{\"varnok\": {\"port\": -1e12}}", -2147483647 - 1, LINK_PORT_FROM_FILE, 0},
-        {"{\"varnok\": {\"port\": \"8080\"}}", 0, LINK_PORT_FROM_FILE, 0, false},
-        {"{\"varnok\": {\"port\": true}}", 1, LINK_PORT_FROM_FILE, 1, false},
+    // Without a port in the file, the default 1010.
+    const struct { std::string json; LinkPortSource source; int32_t setting = 1010; bool number = true; } cases[] = {
+        {NO_FILE, LINK_PORT_NO_FILE}, {FOLDER, LINK_PORT_UNREADABLE}, {"", LINK_PORT_EMPTY},
+        {std::string("\0{}", 3), LINK_PORT_EMPTY}, {"{\"varnok\": {\"port\": 80", LINK_PORT_NOT_JSON},
+        {"{}", LINK_PORT_NO_SETTINGS}, {"{\"varnok\": 8080}", LINK_PORT_NO_SETTINGS},
+        {"{\"game\": " + with_port("7000") + "}", LINK_PORT_NO_SETTINGS},
+        {"{\"varnok\": {\"main-file\": \"a.html\"}}", LINK_PORT_NO_PORT},
+        {"{\"VARNOK\": {\"Port\": 80}} trailing words", LINK_PORT_FROM_FILE, 80},
+        {with_port("1, \"port\": 2"), LINK_PORT_FROM_FILE, 1}, {with_port("8.08e3"), LINK_PORT_FROM_FILE, 8080},
+        {"{\"other\": {\"port\": 9}, \"varnok\": {\"port\": 8080.9}}", LINK_PORT_FROM_FILE, 8080},
+        {"{\"varnok\": {\"rootdir\": \"a}b\", \"port\": 9000}}", LINK_PORT_FROM_FILE, 9000},
+        {"{\"varnok\": {\"port\": 9000}, \"game\": " + with_port("7000") + "}", LINK_PORT_FROM_FILE, 9000},
+        {with_port("70000"), LINK_PORT_FROM_FILE, 70000}, {with_port("-1"), LINK_PORT_FROM_FILE, -1},
+        {with_port("4294975376"), LINK_PORT_FROM_FILE, 2147483647},  // 2^32 + 8080
+        {with_port("-1e12"), LINK_PORT_FROM_FILE, -2147483647 - 1},
+        {with_port("\"8080\""), LINK_PORT_FROM_FILE, 0, false}, {with_port("true"), LINK_PORT_FROM_FILE, 1, false},
     };
     for (const auto &c : cases) {
         TempFolder folder;
@@ -54,8 +53,9 @@ TEST(LinkPort, ReadsThePortAsTheServerDoesAndNeverWrites) {
         else if (c.json != NO_FILE) folder.write("package.json", c.json);
         WorkingFolder inside(folder.path());
         const LinkPort port = link_port_read();
+        // The bound port is what --port prints for the launcher: the low 16 bits of the setting.
         EXPECT_EQ(std::tuple(port.setting, port.source, port.is_number, link_bound_port(port.setting)),
-                  std::tuple(c.setting, c.source, c.number, c.bound)) << c.json;
+                  std::tuple(c.setting, c.source, c.number, static_cast<uint16_t>(c.setting))) << c.json;
         EXPECT_TRUE(c.json == NO_FILE || c.json == FOLDER || folder.read("package.json") == c.json) << c.json;
     }
 }
@@ -145,27 +145,24 @@ Printed read_printed(const std::string &printed) {
             row = read.codes.size();
             continue;
         }
+        // Per column: '#' for a dark module, '.' for a light one, of the upper and the lower row; ' ' in gaps.
         std::string top, bottom;
-        size_t column = 0, start = 0;
         int fg = -1, bg = -1, used = 0;
         for (const char *p = line.c_str(); *p; p += used) {
             if (sscanf(p, "\033[38;5;%d;48;5;%dm%n", &fg, &bg, &used) == 2) continue;
-            if (strncmp(p, "\xe2\x96\x80", used = 3) == 0) {
-                start = top.empty() ? column : start, ++column;
-                top += fg == 16 ? '#' : '.', bottom += bg == 16 ? '#' : '.';
-            } else if (strncmp(p, "\033[0m", used = 4) == 0) {
-                auto code = std::find_if(read.codes.begin() + row, read.codes.end(), [&](auto &c) { return c.column == start; });
-                if (code == read.codes.end()) ADD_FAILURE() << "modules in column " << start << " under no URL";
-                else code->rows.push_back(top), code->rows.push_back(bottom);
-                top.clear(), bottom.clear(), fg = bg = -1;
-            } else if (*p == ' ' && fg == -1) {
-                used = 1, ++column;  // the gap: plain spaces after a reset
-            } else {
-                ADD_FAILURE() << "unexpected byte " << int(*p) << " in column " << column, used = 1;
-            }
+            if (strncmp(p, "\xe2\x96\x80", used = 3) == 0) top += fg == 16 ? '#' : '.', bottom += bg == 16 ? '#' : '.';
+            else if (strncmp(p, "\033[0m", used = 4) == 0) fg = bg = -1;
+            else if (*p == ' ' && fg == -1) top += ' ', bottom += ' ', used = 1;  // the gap: plain spaces after a reset
+            else ADD_FAILURE() << "unexpected byte " << int(*p) << " in column " << top.size(), used = 1;
         }
-        EXPECT_TRUE(top.empty()) << "no reset at the end of " << line;
-        read.widths.back() = column;
+        EXPECT_EQ(fg, -1) << "no reset at the end of " << line;
+        for (size_t start = 0, end; (start = top.find_first_not_of(' ', start)) != std::string::npos; start = end) {
+            end = std::min(top.find(' ', start), top.size());
+            auto code = std::find_if(read.codes.begin() + row, read.codes.end(), [&](auto &c) { return c.column == start; });
+            if (code == read.codes.end()) ADD_FAILURE() << "modules in column " << start << " under no URL";
+            else code->rows.insert(code->rows.end(), {top.substr(start, end - start), bottom.substr(start, end - start)});
+        }
+        read.widths.back() = top.size();
     }
     return read;
 }
@@ -191,14 +188,13 @@ void expect_codes(const Printed &read, const std::vector<std::string> &urls, siz
     }
 }
 
-/// `count` addresses `prefix`1, `prefix`2, ... as texts and as the pointers the printers take.
-struct Addresses {
-    std::vector<std::string> text;
-    std::vector<const char *> offered;
-    Addresses(const std::string &prefix, int count) : text(count), offered(count) {
-        for (int i = 0; i < count; ++i) text[i] = prefix + std::to_string(i + 1), offered[i] = text[i].c_str();
-    }
-};
+/// What `print` writes for the `count` addresses `prefix`1, `prefix`2, ... it is offered, read back.
+Printed printed_for(const std::string &prefix, int count, const std::function<void(FILE *, const char **)> &print) {
+    std::vector<std::string> text(count);
+    std::vector<const char *> offered(count);
+    for (int i = 0; i < count; ++i) text[i] = prefix + std::to_string(i + 1), offered[i] = text[i].c_str();
+    return read_printed(printed_by([&](FILE *out) { print(out, offered.data()); }));
+}
 
 TEST(LinkPrint, CodesSideBySideReadBackAsTheirSymbolsInTheirColumns) {
     // Versions 1 and 2 (the largest a link takes) next to each other: the shorter one ends first.
@@ -226,12 +222,11 @@ TEST(LinkPrint, ServingKeepsTheHeadingAndTheCodesThatFitInViewAndTheRestOnOneLin
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.count) + " on " + std::to_string(c.columns) + "x" + std::to_string(c.rows));
-        const Addresses addresses("10.0.0.", c.count);
-        const Printed read = read_printed(printed_by([&](FILE *out) {
-            link_print(out, c.mode, {1010, LINK_PORT_NO_FILE, true}, addresses.offered.data(), c.count, {c.columns, c.rows});
-        }));
+        const Printed read = printed_for("10.0.0.", c.count, [&](FILE *out, const char **offered) {
+            link_print(out, c.mode, {1010, LINK_PORT_NO_FILE, true}, offered, c.count, {c.columns, c.rows});
+        });
         std::vector<std::string> urls;
-        for (int i = 0; i < c.shown; ++i) urls.push_back("http://" + addresses.text[i] + ":1010/");
+        for (int i = 1; i <= c.shown; ++i) urls.push_back("http://10.0.0." + std::to_string(i) + ":1010/");
         expect_codes(read, urls, c.per_row);
         std::vector<std::string> text = {c.mode == ALL ? "package.json: not found; the server creates it with the default port 1010." : HEADING};
         if (const int more = c.count - c.shown; more > 0)
@@ -265,18 +260,17 @@ TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRo
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.count) + " with " + c.ca + " on " + std::to_string(c.columns) + "x" + std::to_string(c.rows));
-        const Addresses addresses("192.168.1.", c.count);
-        const Printed read = read_printed(printed_by([&](FILE *out) {
-            link_print_secure(out, {8081, c.ca.c_str(), fingerprint.c_str()}, addresses.offered.data(), c.count, {c.columns, c.rows});
-        }));
+        const Printed read = printed_for("192.168.1.", c.count, [&](FILE *out, const char **offered) {
+            link_print_secure(out, {8081, c.ca.c_str(), fingerprint.c_str()}, offered, c.count, {c.columns, c.rows});
+        });
         std::vector<std::string> urls;
-        for (int i = 0; i < c.shown; ++i) urls.push_back("https://" + addresses.text[i] + ":8081/");
+        for (int i = 1; i <= c.shown; ++i) urls.push_back("https://192.168.1." + std::to_string(i) + ":8081/");
         urls.push_back(c.ca);
         expect_codes(read, urls, c.per_row);
         std::vector<std::string> text = {"CA SHA-256: " + fingerprint, LINK_SECURE_IOS, LINK_SECURE_ANDROID};
         if (c.heading) text.insert(text.begin(), LINK_SECURE_HEADING);
         std::string more = "Also over https on port 8081 at:";
-        for (int i = c.shown; i < c.count; ++i) more += (i > c.shown ? ", " : " ") + addresses.text[i];
+        for (int i = c.shown + 1; i <= c.count; ++i) more += std::string(i > c.shown + 1 ? ", " : " ") + "192.168.1." + std::to_string(i);
         // Four addresses would take 83 columns: three, and a mark that more follow.
         if (c.more) text.push_back(more.size() <= 79 ? more : "Also over https on port 8081 at: 192.168.1.2, 192.168.1.3, 192.168.1.4, ...");
         EXPECT_EQ(read.text, text);
@@ -315,14 +309,13 @@ TEST(LinkSecure, FingerprintsAndPrivateAddresses) {
         {"192.167.255.255", false}, {"192.168.0.0", true}, {"192.168.255.255", true}, {"192.169.0.0", false},
         {"8.8.8.8", false}, {"203.0.113.9", false}, {"127.0.0.1", false}, {"169.254.1.1", false}, {"not an address", false},
     };
-    std::vector<const char *> all;
-    std::vector<std::string> kept;
+    std::vector<const char *> all, kept;  // the same pointers: those of the table
     for (const auto &a : addresses) {
         EXPECT_EQ(link_address_is_private(a.address), a.is_private) << a.address;
         all.push_back(a.address);
         if (a.is_private) kept.push_back(a.address);
     }
-    EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + link_keep_private(all.data(), static_cast<int>(all.size()))), kept);
+    EXPECT_EQ(std::vector(all.begin(), all.begin() + link_keep_private(all.data(), static_cast<int>(all.size()))), kept);
 }
 
 struct Ran { int status; std::string out, err; };
