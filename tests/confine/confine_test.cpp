@@ -14,6 +14,7 @@
 #include <sys/syscall.h>
 
 #include <functional>
+#include <tuple>
 #include <vector>
 
 #include "confine/confine.h"
@@ -21,21 +22,18 @@
 
 namespace {
 
-struct Row {
-    const char *name;
-    int expected;   // 0 when the call works, or its errno
-    std::function<long()> call;
-};
+/// A call's name, 0 when it works or its errno, and the call.
+using Row = std::tuple<const char *, int, std::function<long()>>;
 
 /// After a confining call that returned `confined`, makes each row's call; prints the rows that did not
 /// turn out as they say and ends the process with their count.
 [[noreturn]] void try_rows(int confined, const std::vector<Row> &rows)
 {
     int wrong = confined != 0;
-    for (const Row &row : rows) {
-        const int got = row.call() >= 0 ? 0 : errno;
-        if (got != row.expected)
-            wrong++, fprintf(stderr, "%s: %s\n", row.name, got == 0 ? "allowed" : strerrorname_np(got));
+    for (const auto &[name, expected, call] : rows) {
+        const int got = call() >= 0 ? 0 : errno;
+        if (got != expected)
+            wrong++, fprintf(stderr, "%s: %s\n", name, got == 0 ? "allowed" : strerrorname_np(got));
     }
     _exit(wrong);
 }

@@ -36,14 +36,12 @@ std::string described(const NetOffer &offer, int size = 600)
 }
 
 TEST(NetwatchOffer, SameMeansTheSameAddressesInTheSameOrder) {
-    const NetOffer two = offer_of({"192.168.1.20", "10.0.0.5"});
+    const char *a = "192.168.1.20", *b = "10.0.0.5";
+    const NetOffer two = offer_of({a, b});
     const struct { const char *what; NetOffer other; int same; } cases[] = {
-        {"the same", offer_of({"192.168.1.20", "10.0.0.5"}), 1},
-        {"what lies beyond the count", offer_of({"192.168.1.20", "10.0.0.5"}, "10.9.9.9"), 1},
-        {"swapped", offer_of({"10.0.0.5", "192.168.1.20"}), 0},
-        {"one more", offer_of({"192.168.1.20", "10.0.0.5", "10.0.0.6"}), 0},
-        {"one fewer", offer_of({"192.168.1.20"}), 0},
-        {"one differs", offer_of({"192.168.1.20", "10.0.0.50"}), 0},
+        {"the same", offer_of({a, b}), 1}, {"what lies beyond the count", offer_of({a, b}, "10.9.9.9"), 1},
+        {"swapped", offer_of({b, a}), 0}, {"one more", offer_of({a, b, "10.0.0.6"}), 0},
+        {"one fewer", offer_of({a}), 0}, {"one differs", offer_of({a, "10.0.0.50"}), 0},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(netwatch_same(two, c.other), c.same) << c.what;
@@ -96,20 +94,17 @@ TEST(NetwatchDrain, WakesForIpv4AddressesRoutesLinksAndDatagramsCutShort) {
     overlong[0] = 0x7f;   // its length runs past the datagram
     cut.resize(40000);    // more than drain reads at once
     const struct { const char *what; std::vector<std::string> datagrams; int woken; } cases[] = {
-        {"nothing", {}, 0},
-        {"an IPv4 address added", {four}, 1},
+        {"nothing", {}, 0}, {"a neighbour", {message(RTM_NEWNEIGH, AF_INET)}, 0},
+        {"an IPv4 address added", {four}, 1}, {"two wake-ups, both read", {four, four}, 1},
         {"an IPv4 address removed", {message(RTM_DELADDR, AF_INET)}, 1},
         {"an IPv4 route added", {message(RTM_NEWROUTE, AF_INET)}, 1},
         {"an IPv4 route removed", {message(RTM_DELROUTE, AF_INET)}, 1},
         {"a link added", {message(RTM_NEWLINK, AF_UNSPEC)}, 1},
         {"a link removed", {message(RTM_DELLINK, AF_UNSPEC)}, 1},
         {"IPv6 addresses and routes", {message(RTM_NEWADDR, AF_INET6), message(RTM_DELADDR, AF_INET6), six}, 0},
-        {"a neighbour", {message(RTM_NEWNEIGH, AF_INET)}, 0},
         {"an IPv4 address behind an IPv6 route", {six + four}, 1},
-        {"two wake-ups, both read", {four, four}, 1},
         {"an IPv6 route, then an IPv4 address", {six, four}, 1},
-        {"a length past the datagram", {overlong}, 0},
-        {"a datagram cut short", {cut}, 1},
+        {"a length past the datagram", {overlong}, 0}, {"a datagram cut short", {cut}, 1},
     };
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);

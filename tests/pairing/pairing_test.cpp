@@ -19,6 +19,7 @@
 
 #include "pairing/pairing.h"
 #include "qr/qr.h"
+#include "support/heap_text.h"
 
 namespace {
 
@@ -101,9 +102,6 @@ TEST(LanAddress, WalkKeepsListOrderSkipsOtherFamiliesAndFillsThirtySlots) {
         EXPECT_EQ(std::string(slots.slot[i], LAN_ADDRESS_TEXT_SIZE).find_first_not_of('\0', collected[i].size()), std::string::npos);
 }
 
-/// The text of a heap string, which it frees.
-std::string take(char *text) { std::string copy = text; free(text); return copy; }
-
 TEST(PairingCode, MarkerPortAndAddresses) {
     const std::pair<int32_t, const char *> ports[] = {{80, "0050"}, {1010, "03f2"}, {8080, "1f90"}, {70000, "11170"}, {-1, "ffffffff"}};
     const struct { const char *name; std::vector<const char *> slots; const char *part; } addresses[] = {
@@ -117,18 +115,18 @@ TEST(PairingCode, MarkerPortAndAddresses) {
             SCOPED_TRACE(std::to_string(port) + ", " + a.name);
             Slots slots(a.slots);
             ServerSettings settings{port, SETTINGS_DEFAULT_BUFFER_SIZE, "index.html", "./"};
-            EXPECT_EQ(take(pairing_code_build(&settings, slots.slot.data())), std::string("5641524e4f4b51523031") + port_part + a.part);
-            EXPECT_EQ(take(pairing_address_hex(slots.slot.data(), LAN_ADDRESS_SLOT_COUNT)), a.part);
+            EXPECT_EQ(taken(pairing_code_build(&settings, slots.slot.data())), std::string("5641524e4f4b51523031") + port_part + a.part);
+            EXPECT_EQ(taken(pairing_address_hex(slots.slot.data(), LAN_ADDRESS_SLOT_COUNT)), a.part);
         }
     // All thirty slots are read, and the count bounds the walk.
     Slots full;
     for (int i = 0; i < LAN_ADDRESS_SLOT_COUNT; ++i) full.slot[i] = strdup(("10.0.1." + std::to_string(i + 1)).c_str());
     ServerSettings settings{-1, SETTINGS_DEFAULT_BUFFER_SIZE, "index.html", "./"};
-    const std::string code = take(pairing_code_build(&settings, full.slot.data()));
+    const std::string code = taken(pairing_code_build(&settings, full.slot.data()));
     EXPECT_EQ(code.size(), 20u + 8u + 30u * 8u);
     EXPECT_EQ(code.substr(code.size() - 8), "0a00011e");
-    EXPECT_EQ(take(pairing_address_hex(full.slot.data(), 2)), "0a0001010a000102");
-    EXPECT_EQ(take(pairing_address_hex(full.slot.data(), 0)), "");
+    EXPECT_EQ(taken(pairing_address_hex(full.slot.data(), 2)), "0a0001010a000102");
+    EXPECT_EQ(taken(pairing_address_hex(full.slot.data(), 0)), "");
 }
 
 } // namespace

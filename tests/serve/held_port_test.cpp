@@ -91,10 +91,8 @@ TEST(HeldPort, OnlyTheHeldPortIsAdoptedAndNoOptionIsSet)
     int port = 0;
     const int held = held_socket(&port), other = bound_port();
     const struct { const char *what; bool named; int family, type, port, error, listening; } cases[] = {
-        {"UDP", true, AF_INET, SOCK_DGRAM, port, 0, 0},
-        {"IPv6", true, AF_INET6, SOCK_STREAM, port, 0, 0},
-        {"another port", true, AF_INET, SOCK_STREAM, other, 0, 0},
-        {"the held port", true, AF_INET, SOCK_STREAM, port, 0, 1},
+        {"UDP", true, AF_INET, SOCK_DGRAM, port, 0, 0}, {"IPv6", true, AF_INET6, SOCK_STREAM, port, 0, 0},
+        {"another port", true, AF_INET, SOCK_STREAM, other, 0, 0}, {"the held port", true, AF_INET, SOCK_STREAM, port, 0, 1},
         {"any port", true, AF_INET, SOCK_STREAM, 0, 0, 1},
         {"the held port, no socket named", false, AF_INET, SOCK_STREAM, port, EADDRINUSE, 0},
         {"any port, no socket named", false, AF_INET, SOCK_STREAM, 0, 0, 0},

@@ -26,10 +26,10 @@ static const std::string WRITE = "Write done\n", DEFAULT_FILE = written_file("",
 
 TEST(SettingsLoad, EveryStartingPointOfThePackageFile)
 {
-    struct Row {
-        std::optional<std::string> content, file_after; // none: no file at all; the file unchanged
-        std::string out, outcome = "-1: -7 -7 untouched untouched", err = ""; // the result, then the record
-    } rows[] = {
+    // The file (none: no file at all) and the file after (none: unchanged); what is printed, the result then
+    // the record, and what goes to standard error.
+    const struct { std::optional<std::string> content, file_after;
+                   std::string out, outcome = "-1: -7 -7 untouched untouched", err = ""; } rows[] = {
         {std::nullopt, DEFAULT_FILE, "I will create the file and use the default value\n" + WRITE + "Create success\n",
          "0: 1010 1000 index.html ./", "Open package.json fail: No such file or directory\n"},
         {"", DEFAULT_FILE, EMPTY_FILE}, {std::string("\0{}", 3), DEFAULT_FILE, EMPTY_FILE},
@@ -46,7 +46,7 @@ TEST(SettingsLoad, EveryStartingPointOfThePackageFile)
         {std::string(4096 - VARIED_KEYS.size(), ' ') + VARIED_KEYS, std::nullopt, "", "0: 70000 8080 m w/"},
         {std::string(4097 - VARIED_KEYS.size(), ' ') + VARIED_KEYS, std::nullopt, PARSE_ERROR},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE("row " + std::to_string(&row - rows));
         TempFolder folder;
         WorkingFolder inside(folder.path());
