@@ -20,8 +20,7 @@ struct Case {
     std::string answer = "";
     int buffer_size = 1000;
     std::string before = ""; // sent first: what it leaves in the never-cleared receive area is read again
-    std::string main_file = "index.html";
-    std::string rootdir = "./"; // always taken under the program's folder
+    std::string main_file = "index.html", rootdir = "./"; // rootdir: always under the program's folder
 };
 
 const std::string HTML = "text/html; charset=UTF-8", TEXT = "text/plain; charset=UTF-8";

@@ -42,9 +42,8 @@ TEST(Soak, HundredThousandRequestsGrowOnlyByTheKeptBlocks)
     const Ask mix[] = {{"/", page}, {"/index.html", page}, {"/game.js", script}, {"/save", "slot1.json\n"},
                        {"/missing.html", NOT_FOUND_PAGE, true}, {"/a%20b.html", "space"},
                        {"/no/such/x.png", NOT_FOUND_PAGE, true}, {"/sub/inner.html", "inner"}};
-    const int mix_size = std::size(mix);
     auto ask = [&](int i) {
-        const Ask &a = mix[i % mix_size];
+        const Ask &a = mix[i % std::size(mix)];
         const std::string answer = round_trip(site.port, std::string("GET ") + a.path + " HTTP/1.1\r\nHost: x\r\n\r\n");
         const char *status = a.not_found ? "HTTP/1.1 404 Not Found\r\n" : "HTTP/1.1 200 OK\r\n";
         return answer.starts_with(status) && answer.ends_with("\r\n\r\n" + a.body);
@@ -58,7 +57,7 @@ TEST(Soak, HundredThousandRequestsGrowOnlyByTheKeptBlocks)
     const auto started = std::chrono::steady_clock::now();
     for (int i = 0; i < requests && site.server->running(); i++) {
         failed += !ask(i);
-        explained += kept_bytes(mix[i % mix_size]);
+        explained += kept_bytes(mix[i % std::size(mix)]);
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     const long after = resident_kib(site.server->pid());
