@@ -106,8 +106,7 @@ public:
         if (pid_ > 0 && !exited_ && kill(pid_, SIGKILL) == 0)
             waitpid(pid_, nullptr, 0);
     }
-    ServerProcess(const ServerProcess &) = delete;
-    ServerProcess &operator=(const ServerProcess &) = delete;
+    ServerProcess(ServerProcess &&) = delete; // it owns the process: neither copied nor moved
 
     /// True once the console says "Listening on" (10 s at most).
     bool wait_listening() const { return poll([this] { return console().find("Listening on") != std::string::npos; }); }
