@@ -15,10 +15,6 @@ import { ANSWERS, ENGINES, GAME_SCREEN, freePort, sleep, waitFor } from './engin
 // Each test's bound: a first start of a browser on a slow machine takes a while.
 const TEST_TIMEOUT = { timeout: 180000 };
 
-/** Refreshes a picture of the documentation when VARNOK_DOC_IMAGES=1. */
-const keepPicture = (bytes, name) => process.env.VARNOK_DOC_IMAGES === '1'
-  && fs.writeFileSync(new URL(`../../docs/images/${name}`, import.meta.url), bytes);
-
 /**
  * Copies examples/ and `extraFiles` to a fresh folder with a link to the server
  * and the port in package.json (the server adds the other settings): the server
@@ -115,7 +111,8 @@ for (const [engine, launch] of Object.entries(ENGINES)) {
     const server = await startServer(FIXTURES);
     const browser = await launch().catch((error) => { server.stop(); throw error; });
     await playthrough(browser, server).then(() => browser.picture && browser.page.screenshot({ scale: 'css' }))
-      .then((bytes) => bytes && keepPicture(bytes, browser.picture))
+      .then((bytes) => bytes && process.env.VARNOK_DOC_IMAGES === '1' // refreshes the documentation's picture
+        && fs.writeFileSync(new URL(`../../docs/images/${browser.picture}`, import.meta.url), bytes))
       .finally(() => browser.close().finally(server.stop));
   });
 }
