@@ -1,5 +1,6 @@
 // split_request_line on arbitrary received bytes, then url_decode of the path as the server does.
 // The received bytes are a block of their own size, so a read past them is AddressSanitizer's.
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -9,8 +10,8 @@
 #include "server/request.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    std::vector<char> received(data, data + size);
-    received.push_back('\0');
+    std::vector<char> received(size + 1, '\0');
+    std::copy_n(data, size, received.begin());
     // Where strtok finds the three tokens: past leading delimiters, up to the next one. The server
     // ends on purpose when one is missing, so those lines are skipped.
     std::string token[3];

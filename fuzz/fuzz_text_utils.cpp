@@ -37,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(replaced(nullptr, "x", text) == text);
     FUZZ_CHECK(replaced(needle.c_str(), nullptr, text) == replaced(needle.c_str(), "", text));
     // In place: the same text when it fits the buffer, null when it does not.
-    std::vector<char> buffer(text.begin(), text.end());
-    buffer.resize(text.size() + 1 + (size > 0 ? data[0] : 0), '\0');
+    std::vector<char> buffer(text.size() + 1 + (size > 0 ? data[0] : 0), '\0'); // a block of just that size
+    std::ranges::copy(text, buffer.begin());
     const char *in_place = replace_all(needle.c_str(), replacement.c_str(), buffer.data(), std::ssize(buffer));
     FUZZ_CHECK(in_place == nullptr ? result.size() >= buffer.size() : in_place == buffer.data() && result == in_place);
     return 0;

@@ -15,10 +15,6 @@ import { ANSWERS, ENGINES, GAME_SCREEN, freePort, sleep, waitFor } from './engin
 // Each test's bound: a first start of a browser on a slow machine takes a while.
 const TEST_TIMEOUT = { timeout: 180000 };
 
-/** Refreshes a picture of the documentation when VARNOK_DOC_IMAGES=1. */
-const keepPicture = (bytes, name) => process.env.VARNOK_DOC_IMAGES === '1'
-  && fs.writeFileSync(new URL(`../../docs/images/${name}`, import.meta.url), bytes);
-
 /**
  * Copies examples/ and `extraFiles` to a fresh folder with a link to the server
  * and the port in package.json (the server adds the other settings): the server
@@ -114,12 +110,10 @@ for (const [engine, launch] of Object.entries(ENGINES)) {
   test(`${engine} loads the sample game, gets the answers in the table and shows the not-found page`, TEST_TIMEOUT, async () => {
     const server = await startServer(FIXTURES);
     const browser = await launch().catch((error) => { server.stop(); throw error; });
-    try {
-      await playthrough(browser, server);
-      if (browser.picture) keepPicture(await browser.page.screenshot({ scale: 'css' }), browser.picture);
-    } finally {
-      await browser.close().finally(server.stop);
-    }
+    await playthrough(browser, server).then(() => browser.picture && browser.page.screenshot({ scale: 'css' }))
+      .then((bytes) => bytes && process.env.VARNOK_DOC_IMAGES === '1' // refreshes the documentation's picture
+        && fs.writeFileSync(new URL(`../../docs/images/${browser.picture}`, import.meta.url), bytes))
+      .finally(() => browser.close().finally(server.stop));
   });
 }
 
@@ -129,8 +123,7 @@ const scan = (picture) => run('zbarimg', '--quiet', '--raw', '-Sdisable', '-Sqrc
 
 // The drawing is the symbol reflected in its diagonal, so the picture is also decoded reflected back.
 test('the QR drawing on the start-up screen scans to the printed pairing code', TEST_TIMEOUT, async () => {
-  // The picture for the documentation shows the sample's own port.
-  const port = process.env.VARNOK_DOC_IMAGES === '1' ? 8080 : await freePort();
+  const port = await freePort();
   const game = prepareGameCopy(port);
   const file = (name) => path.join(game.dir, name);
   const xterm = spawn('xterm', ['-geometry', '80x56+0+0', '-bg', 'white', '-fg', 'black', '-fa', 'DejaVu Sans Mono',

@@ -48,9 +48,8 @@ export async function playByTouch(context, page) {
   await sleep(300).then(() => touch('touchEnd'));
   const { state, x } = await game();
   assert.deepEqual([state, x < 60], ['playing', true], 'a tap starts the round, a drag takes the lantern to the left');
-  for (let step = 0; step < 80 && (await game()).score < 2; step += 1) {
+  for (let step = 0; step < 80 && (await game()).score < 2; step += 1)
     await touch('touchStart', (await game()).spark ?? 180).then(() => sleep(150)).then(() => touch('touchEnd'));
-  }
   assert.ok((await game()).score >= 1, 'no spark caught by touch');
 }
 

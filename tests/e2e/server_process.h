@@ -41,11 +41,10 @@ inline int connect_to(int port)
     timeval limit{5, 0};
     setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     const sockaddr_in address = loopback(port);
-    if (connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        close(connection);
-        return -1;
-    }
-    return connection;
+    if (connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+        return connection;
+    close(connection);
+    return -1;
 }
 
 /// Sends `request` and returns every byte until the server closes (or 5 s of silence).
@@ -57,8 +56,7 @@ inline std::string round_trip(int port, const std::string &request)
     send(connection, request.data(), request.size(), MSG_NOSIGNAL);
     std::string answer;
     char chunk[65536];
-    ssize_t got;
-    while ((got = recv(connection, chunk, sizeof chunk, 0)) > 0)
+    for (ssize_t got; (got = recv(connection, chunk, sizeof chunk, 0)) > 0;)
         answer.append(chunk, static_cast<size_t>(got));
     close(connection);
     return answer;
@@ -105,23 +103,16 @@ public:
     }
     ~ServerProcess()
     {
-        if (pid_ > 0 && !exited_) {
-            kill(pid_, SIGKILL);
+        if (pid_ > 0 && !exited_ && kill(pid_, SIGKILL) == 0)
             waitpid(pid_, nullptr, 0);
-        }
     }
-    ServerProcess(const ServerProcess &) = delete;
-    ServerProcess &operator=(const ServerProcess &) = delete;
+    ServerProcess(ServerProcess &&) = delete; // it owns the process: neither copied nor moved
 
     /// True once the console says "Listening on" (10 s at most).
     bool wait_listening() const { return poll([this] { return console().find("Listening on") != std::string::npos; }); }
 
     /// The wait status once the process has ended (10 s at most), or -1 while it runs.
-    int wait_exit()
-    {
-        poll([this] { return exited_ = waitpid(pid_, &status_, WNOHANG) == pid_; });
-        return exited_ ? status_ : -1;
-    }
+    int wait_exit() { return poll([this] { return !running(); }) ? status_ : -1; }
 
     bool running() { return !exited_ && !(exited_ = waitpid(pid_, &status_, WNOHANG) == pid_); }
     pid_t pid() const { return pid_; }
@@ -131,11 +122,9 @@ public:
 private:
     template <typename Check> static bool poll(Check check)
     {
-        for (int i = 0; i < 1000; i++) {
+        for (int i = 0; i < 1000; i++, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
             if (check())
                 return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
         return false;
     }
 
@@ -151,6 +140,13 @@ struct Site {
     TempFolder folder;
     int port = 0;
     std::optional<ServerProcess> server;
+
+    /// Writes each of `files`, named from the private folder ("www/..." for the game).
+    explicit Site(std::initializer_list<std::pair<const char *, std::string>> files = {})
+    {
+        for (const auto &[name, bytes] : files)
+            folder.write(name, bytes);
+    }
 
     /// Starts the program afresh, on a new port: the old one is held by the closes of the last.
     /// The port setting is the port plus `port_above` (65536 binds the same port).

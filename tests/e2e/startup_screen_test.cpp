@@ -11,17 +11,6 @@
 
 namespace {
 
-// The code this machine offers for `port`, built the way start-up builds it.
-std::string expected_pairing_code(int port)
-{
-    char *slots[LAN_ADDRESS_SLOT_COUNT] = {};
-    lan_address_collect(slots);
-    const ServerSettings settings{port, 1000, "index.html", "./"};
-    const std::string code = taken(pairing_code_build(&settings, slots));
-    std::for_each(std::begin(slots), std::end(slots), free);
-    return code;
-}
-
 // The screen shows the port setting as given; a setting above 65535 is bound by its low 16 bits.
 class StartupScreen : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(PortSettings, StartupScreen, testing::Values(0, 65536));
@@ -30,7 +19,12 @@ TEST_P(StartupScreen, BannerSymbolSettingsAndListeningLine)
 {
     Site site;
     ASSERT_TRUE(site.start(1000, "index.html", "./", GetParam())) << site.server->errors();
-    const std::string port = std::to_string(site.port + GetParam()), code = expected_pairing_code(site.port + GetParam());
+    // The code this machine offers, built the way start-up builds it.
+    const ServerSettings settings{site.port + GetParam(), 1000, "index.html", "./"};
+    char *slots[LAN_ADDRESS_SLOT_COUNT] = {};
+    lan_address_collect(slots);
+    const std::string port = std::to_string(settings.port), code = taken(pairing_code_build(&settings, slots));
+    std::for_each(std::begin(slots), std::end(slots), free);
     testing::internal::CaptureStdout();
     ASSERT_EQ(qr_print_terminal(code.c_str()), 0); // ",LENGTH,VERSION", the drawing and a blank line
     const std::string symbol = testing::internal::GetCapturedStdout();
