@@ -278,11 +278,19 @@ TEST(LinkSecure, HttpsLinksBesideTheCaCodeThenTheFingerprintAndPhonesWithinTheRo
     }
     for (const std::string line : {LINK_SECURE_HEADING, LINK_SECURE_IOS, LINK_SECURE_ANDROID})  // columns: bytes but UTF-8 continuations
         EXPECT_LE(std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xC0) != 0x80; }), 79) << line;
-    // The longest addresses and port: as many as fit, then a mark that more follow.
-    const std::vector<const char *> longest(8, "192.168.100.200");
-    EXPECT_EQ(read_printed(printed_by([&](FILE *out) {
-        link_print_secure(out, {65535, ca_short.c_str(), fingerprint.c_str()}, longest.data(), 8, {80, 24});
-    })).text.back(), "Also over https on port 65535 at: 192.168.100.200, 192.168.100.200, ...");
+    // As many as fit, then a mark that more follow: the longest addresses and port; and an address that
+    // would fit (77 columns) but leave no room for the mark.
+    const struct { uint16_t port; std::vector<const char *> offered; std::string line; } long_lines[] = {
+        {65535, std::vector<const char *>(8, "192.168.100.200"),
+         "Also over https on port 65535 at: 192.168.100.200, 192.168.100.200, ..."},
+        {8081, {"10.0.0.2", "192.168.100.200", "192.168.100.200", "10.0.0.100", "10.0.0.1"},
+         "Also over https on port 8081 at: 192.168.100.200, 192.168.100.200, ..."},
+    };
+    for (const auto &l : long_lines)
+        EXPECT_EQ(read_printed(printed_by([&](FILE *out) {
+            link_print_secure(out, {l.port, ca_short.c_str(), fingerprint.c_str()}, l.offered.data(),
+                              static_cast<int>(l.offered.size()), {80, 24});
+        })).text.back(), l.line);
     EXPECT_EQ(printed_by([&](FILE *out) { link_print_secure(out, {8081, ca_short.c_str(), fingerprint.c_str()}, nullptr, 0, {80, 24}); }),
               "No private LAN address (10.x, 172.16-31.x, 192.168.x) on this computer, so no https link.\n");
 }
