@@ -207,8 +207,9 @@ int resolve_folder()
     if (path_fd < 0)
         fail(error);
     // In a user namespace, root's files show as the overflow owner: they are the system's still.
+    const uid_t outside = geteuid() != 0 ? outside_owner() : static_cast<uid_t>(-1);
     for (PathStep &step : steps)
-        if (step.owner == outside_owner() && geteuid() != 0)
+        if (outside != static_cast<uid_t>(-1) && step.owner == outside)
             step.owner = 0;
     if (geteuid() != 0)
         launcher.user = serve_user_self();
